@@ -55,6 +55,13 @@ size_t DecodeOne(std::string_view in, size_t i, uint32_t& cp) {
 
 }  // namespace
 
+size_t DecodeUtf8Strict(std::string_view in, uint32_t& cp) {
+  if (in.empty()) return 0;
+  return DecodeOne(in, 0, cp);
+}
+
+void AppendUtf16(std::u16string& out, uint32_t cp) { PutCodePoint(out, cp); }
+
 bool Utf8ToUtf16Strict(std::string_view in, std::u16string& out) {
   out.clear();
   out.reserve(in.size());

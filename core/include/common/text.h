@@ -1,6 +1,7 @@
 // Text helpers: UTF-8 <-> UTF-16 and the GUID text form.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -16,6 +17,15 @@ bool Utf8ToUtf16Strict(std::string_view in, std::u16string& out);
 // Lenient decoding: an ill-formed sequence becomes U+FFFD, and decoding
 // stops at a zero byte.
 std::u16string Utf8ToUtf16(std::string_view in);
+
+// One strictly well-formed sequence at the front of `in`, by the rules of
+// Utf8ToUtf16Strict: its length in bytes, or 0 when it is ill-formed, cut
+// short or `in` is empty (`cp` is then unspecified).  For scanners that
+// decode as they go and need to stop at the exact byte of a fault.
+size_t DecodeUtf8Strict(std::string_view in, uint32_t& cp);
+
+// Appends one code point (at most 0x10FFFF) in UTF-16.
+void AppendUtf16(std::u16string& out, uint32_t cp);
 
 // Encoding: an unpaired surrogate becomes U+FFFD.
 std::string Utf16ToUtf8(std::u16string_view in);
