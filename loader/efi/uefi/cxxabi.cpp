@@ -132,6 +132,11 @@ int pthread_key_create(unsigned* key, void (*)(void*)) {
   return 0;
 }
 
+// libgcc and libsupc++ test the address of this one to learn whether
+// threads are in use; an undefined weak symbol would also leave a
+// relocation the entry code does not apply.
+int __pthread_key_create(unsigned* key, void (*destructor)(void*)) { return pthread_key_create(key, destructor); }
+
 int pthread_key_delete(unsigned) { return 0; }
 
 // One slot is enough: keys are only made by the emergency exception pool's

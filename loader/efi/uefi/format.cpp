@@ -160,9 +160,9 @@ void EmitFloat(Writer& out, Spec spec, double value) {
   } else if (spec.space) {
     prefix[prefixLength++] = ' ';
   }
-  if (value != value || value > 1.8e308) {
+  if (__builtin_isnan(value) || __builtin_isinf(value)) {
     spec.zero = false;
-    Emit(out, spec, prefix, prefixLength, value != value ? "nan" : "inf", 3);
+    Emit(out, spec, prefix, prefixLength, __builtin_isnan(value) ? "nan" : "inf", 3);
     return;
   }
   int precision = spec.precision < 0 ? 6 : spec.precision > 17 ? 17 : spec.precision;

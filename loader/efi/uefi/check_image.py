@@ -1,0 +1,92 @@
+#!/usr/bin/env python3
+"""Build-time checks of code that runs in the firmware.
+
+  check_image.py redzone FILE...  no code uses the area below the stack
+                                  pointer: firmware interrupt handlers may
+                                  overwrite it at any moment.
+  check_image.py relocs FILE      the linked image needs nothing but
+                                  R_X86_64_RELATIVE fix-ups, all in .rela:
+                                  the only kind and place the entry code
+                                  applies; others would be left undone
+                                  without a word.
+"""
+import re
+import subprocess
+import sys
+
+FUNCTION = re.compile(r"^[0-9a-f]+ <(.*)>:$")
+INSTRUCTION = re.compile(r"^\s*[0-9a-f]+:\t(\S+)\s*(.*)$")
+BELOW_RSP = re.compile(r"-0x([0-9a-f]+)\(%rsp[,)]")
+BELOW_RBP = re.compile(r"-0x([0-9a-f]+)\(%rbp[,)]")
+SUB_RSP = re.compile(r"^\$0x([0-9a-f]+),%rsp$")
+
+
+def redzone_findings(path):
+    """Per function: any access at a negative offset from %rsp; and, once the
+    function made %rbp its frame pointer, any access below %rbp deeper than
+    what it has reserved since with pushes and subtractions from %rsp."""
+    disassembly = subprocess.run(
+        ["objdump", "-d", "--no-show-raw-insn", path],
+        check=True, capture_output=True, text=True).stdout
+    function, framed, reserved = "?", False, 0
+    for line in disassembly.splitlines():
+        m = FUNCTION.match(line)
+        if m:
+            function, framed, reserved = m.group(1), False, 0
+            continue
+        m = INSTRUCTION.match(line)
+        if not m:
+            continue
+        op, operands = m.group(1), m.group(2).split("#")[0].strip()
+        if op.startswith(("lea", "nop")):
+            continue
+        if op.startswith("mov") and operands == "%rsp,%rbp":
+            framed, reserved = True, 0
+            continue
+        if framed and op.startswith("push"):
+            reserved += 8
+        if framed and op.startswith("sub") and operands.endswith(",%rsp"):
+            s = SUB_RSP.match(operands)
+            reserved += int(s.group(1), 16) if s else 1 << 62
+        if BELOW_RSP.search(operands):
+            yield f"{path}: {function}: below %rsp: {op} {operands}"
+        elif framed:
+            b = BELOW_RBP.search(operands)
+            if b and int(b.group(1), 16) > reserved:
+                yield f"{path}: {function}: below the reserved frame: {op} {operands}"
+
+
+def check_redzone(paths):
+    findings = [f for path in paths for f in redzone_findings(path)]
+    for f in findings:
+        print(f, file=sys.stderr)
+    return not findings
+
+
+def check_relocs(path):
+    listing = subprocess.run(["readelf", "-rW", path],
+                             check=True, capture_output=True, text=True).stdout
+    ok = True
+    sections = set(re.findall(r"^Relocation section '([^']*)'", listing, re.M))
+    if sections - {".rela"}:
+        print(f"{path}: relocations outside .rela: {sorted(sections)}", file=sys.stderr)
+        ok = False
+    for line in listing.splitlines():
+        fields = line.split()
+        if len(fields) > 2 and fields[2].startswith("R_X86_64_") and fields[2] != "R_X86_64_RELATIVE":
+            print(f"{path}: relocation the entry code does not apply: {line.strip()}", file=sys.stderr)
+            ok = False
+    return ok
+
+
+def main(argv):
+    if len(argv) >= 3 and argv[1] == "redzone":
+        return 0 if check_redzone(argv[2:]) else 1
+    if len(argv) == 3 and argv[1] == "relocs":
+        return 0 if check_relocs(argv[2]) else 1
+    print(__doc__, file=sys.stderr)
+    return 2
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))
