@@ -2,8 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
+
+#include "common/error.h"
 
 namespace test_util {
 
@@ -33,6 +36,16 @@ inline std::string Narrow(const std::u16string& s) {
     }
   }
   return out;
+}
+
+// The code of the Common::Error that `fn` throws, or 0 when it throws none.
+inline uint32_t ThrownCode(const std::function<void()>& fn) {
+  try {
+    fn();
+  } catch (const Common::Error& e) {
+    return e.Code();
+  }
+  return 0;
 }
 
 inline std::vector<uint8_t> Bytes(const std::string& s) { return {s.begin(), s.end()}; }

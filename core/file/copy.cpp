@@ -12,10 +12,24 @@ using namespace Common::Codes;
 
 namespace {
 
-// A zero-byte buffer could never tell the end from a full chunk.
-std::unique_ptr<unsigned char[]> AllocateChunk(size_t& size) {
-  if (size == 0) size = 1;
-  return std::unique_ptr<unsigned char[]>(new (std::nothrow) unsigned char[size]);
+// Reads `source` to its end in chunks of `bufferSize` and hands each
+// non-empty chunk to `use`, which returns an error to stop.  A chunk shorter
+// than the buffer is the last one.  An error of the source is taken out of
+// it and returned.
+template <typename Use>
+Common::Error ForEachChunk(i_file& source, size_t bufferSize, Use use) {
+  // A zero-byte buffer could never tell the end from a full chunk.
+  if (bufferSize == 0) bufferSize = 1;
+  std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[bufferSize]);
+  if (!buffer) return Common::MakeError(ERROR_HERE, NotEnoughMemory);
+  for (;;) {
+    uint64_t got = 0;
+    source.Read(buffer.get(), bufferSize, got);
+    if (source.HasError()) return source.TakeError();
+    if (got == 0) return Common::Error();
+    Common::Error e = use(buffer.get(), got);
+    if (e.IsError() || got < bufferSize) return e;
+  }
 }
 
 }  // namespace
@@ -27,23 +41,17 @@ Common::Error SimpleCopyFile(i_file* source, o_file* target, uint64_t* copiedOut
   count = 0;
   if (source == nullptr) return Common::MakeError(ERROR_HERE, ReadError);
   if (target == nullptr) return Common::MakeError(ERROR_HERE, WriteError);
-  auto buffer = AllocateChunk(bufferSize);
-  if (!buffer) return Common::MakeError(ERROR_HERE, NotEnoughMemory);
-  for (;;) {
-    uint64_t got = 0;
-    source->Read(buffer.get(), bufferSize, got);
-    if (source->HasError()) return source->TakeError();
-    if (got == 0) return Common::Error();
+  return ForEachChunk(*source, bufferSize, [&](const unsigned char* chunk, uint64_t size) {
     uint64_t written = 0;
-    target->Write(buffer.get(), got, written);
+    target->Write(chunk, size, written);
     if (target->HasError()) return target->TakeError();
-    if (written < got) {
+    if (written < size) {
       target->SetError(ERROR_HERE, DiskFull);
       return target->TakeError();
     }
-    count += got;
-    if (got < bufferSize) return Common::Error();
-  }
+    count += size;
+    return Common::Error();
+  });
 }
 
 Common::Error SimpleCopyFile(i_file* source, o_file* target, size_t bufferSize) {
@@ -54,16 +62,10 @@ Common::Error CalcMD5File(i_file* file, unsigned char digest[16], size_t bufferS
   if (file == nullptr) return Common::MakeError(ERROR_HERE, ReadError);
   MD5_CTX context;
   if (MD5_Init(&context) != 1) return Common::MakeError(ERROR_HERE, NotEnoughMemory);
-  auto buffer = AllocateChunk(bufferSize);
-  if (!buffer) return Common::MakeError(ERROR_HERE, NotEnoughMemory);
-  for (;;) {
-    uint64_t got = 0;
-    file->Read(buffer.get(), bufferSize, got);
-    if (file->HasError()) return file->TakeError();
-    if (got != 0) MD5_Update(&context, buffer.get(), got);
-    if (got < bufferSize) {
-      MD5_Final(digest, &context);
-      return Common::Error();
-    }
-  }
+  Common::Error e = ForEachChunk(*file, bufferSize, [&](const unsigned char* chunk, uint64_t size) {
+    MD5_Update(&context, chunk, size);
+    return Common::Error();
+  });
+  if (e.IsSuccess()) MD5_Final(digest, &context);
+  return e;
 }

@@ -6,48 +6,54 @@ using namespace Common::Codes;
 
 namespace {
 
-bool IsEmpty(const char16_t* name) { return name == nullptr || name[0] == 0; }
+bool IsMissing(const char16_t* name) { return name == nullptr || name[0] == 0; }
+bool IsMissing(const void* object) { return object == nullptr; }
+
+// Opening and changing calls throw on a missing argument...
+template <typename T>
+void Require(const T* argument, uint32_t code, const Common::ErrorLocation& where) {
+  if (IsMissing(argument)) throw Common::MakeError(where, code);
+}
+
+// ...directory openings record it instead; true if it was missing.
+template <typename T>
+bool RecordMissing(file_object& dir, const T* argument, const Common::ErrorLocation& where) {
+  if (!IsMissing(argument)) return false;
+  dir.SetError(where, OpenError);
+  return true;
+}
 
 }  // namespace
 
 // i_dir
 
 ri_file* i_dir::Open(const char16_t* name, bool noCache) {
-  if (IsEmpty(name)) THROW_ERROR(OpenError);
+  Require(name, OpenError, ERROR_HERE);
   return DoOpen(name, noCache);
 }
 
 ri_file* i_dir::Open(iterator* entry, bool noCache) {
-  if (entry == nullptr) THROW_ERROR(OpenError);
+  Require(entry, OpenError, ERROR_HERE);
   return DoOpen(entry, noCache);
 }
 
 ri_file* i_dir::Open(const file_identifier* id, bool noCache) {
-  if (id == nullptr) THROW_ERROR(OpenError);
+  Require(id, OpenError, ERROR_HERE);
   return DoOpen(id, noCache);
 }
 
 i_dir* i_dir::OpenDir(const char16_t* name) {
-  if (IsEmpty(name)) {
-    SetError(ERROR_HERE, OpenError);
-    return nullptr;
-  }
+  if (RecordMissing(*this, name, ERROR_HERE)) return nullptr;
   return DoOpenDir(name);
 }
 
 i_dir* i_dir::OpenDir(iterator* entry) {
-  if (entry == nullptr) {
-    SetError(ERROR_HERE, OpenError);
-    return nullptr;
-  }
+  if (RecordMissing(*this, entry, ERROR_HERE)) return nullptr;
   return DoOpenDir(entry);
 }
 
 i_dir* i_dir::OpenDir(const file_identifier* id) {
-  if (id == nullptr) {
-    SetError(ERROR_HERE, OpenError);
-    return nullptr;
-  }
+  if (RecordMissing(*this, id, ERROR_HERE)) return nullptr;
   return DoOpenDir(id);
 }
 
@@ -57,10 +63,7 @@ i_dir::iterator* i_dir::GetIterator(const char16_t* name) {
 }
 
 i_dir::iterator* i_dir::GetIterator(const file_identifier* id) {
-  if (id == nullptr) {
-    SetError(ERROR_HERE, OpenError);
-    return nullptr;
-  }
+  if (RecordMissing(*this, id, ERROR_HERE)) return nullptr;
   return DoGetIterator(id);
 }
 
@@ -95,30 +98,28 @@ std::pair<i_dir*, file_identifier*> i_dir::ResolveSymLinks(const file_identifier
 // o_dir
 
 ro_file* o_dir::Open(const char16_t* name, bool noCache) {
-  if (IsEmpty(name)) THROW_ERROR(OpenError);
+  Require(name, OpenError, ERROR_HERE);
   return DoOpenForWrite(name, noCache);
 }
 
 void o_dir::Remove(const char16_t* name) {
-  if (IsEmpty(name)) THROW_ERROR(DeleteError);
+  Require(name, DeleteError, ERROR_HERE);
   DoRemove(name);
 }
 
 void o_dir::Rename(const char16_t* oldName, const char16_t* newName) {
-  if (IsEmpty(oldName) || IsEmpty(newName)) THROW_ERROR(RenameError);
+  Require(oldName, RenameError, ERROR_HERE);
+  Require(newName, RenameError, ERROR_HERE);
   DoRename(oldName, newName);
 }
 
 ro_file* o_dir::Create(const char16_t* name, bool noCache) {
-  if (IsEmpty(name)) THROW_ERROR(CreateError);
+  Require(name, CreateError, ERROR_HERE);
   return DoCreate(name, noCache);
 }
 
 ro_dir* o_dir::OpenDir(const char16_t* name) {
-  if (IsEmpty(name)) {
-    SetError(ERROR_HERE, OpenError);
-    return nullptr;
-  }
+  if (RecordMissing(*this, name, ERROR_HERE)) return nullptr;
   return DoOpenDir(name);
 }
 
@@ -139,22 +140,22 @@ void o_dir::CreateDeviceNode(const char16_t*, uint32_t, uint32_t, uint32_t, uint
 // rio_dir
 
 rio_file* rio_dir::OpenForWrite(const char16_t* name, bool noCache) {
-  if (IsEmpty(name)) THROW_ERROR(OpenError);
+  Require(name, OpenError, ERROR_HERE);
   return DoOpenForWrite(name, noCache);
 }
 
 rio_file* rio_dir::OpenForWrite(iterator* entry, bool noCache) {
-  if (entry == nullptr) THROW_ERROR(OpenError);
+  Require(entry, OpenError, ERROR_HERE);
   return DoOpenForWrite(entry, noCache);
 }
 
 rio_file* rio_dir::OpenForWrite(const file_identifier* id, bool noCache) {
-  if (id == nullptr) THROW_ERROR(OpenError);
+  Require(id, OpenError, ERROR_HERE);
   return DoOpenForWrite(id, noCache);
 }
 
 rio_file* rio_dir::Create(const char16_t* name, bool noCache) {
-  if (IsEmpty(name)) THROW_ERROR(CreateError);
+  Require(name, CreateError, ERROR_HERE);
   return DoCreate(name, noCache);
 }
 

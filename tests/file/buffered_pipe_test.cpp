@@ -2,13 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 
 #include "fake_streams.h"
+#include "test_util.h"
 
 using test_util::RecordingSink;
 using test_util::ScriptedInput;
+using test_util::ThrownCode;
 
 namespace {
 
@@ -18,15 +19,6 @@ std::string Consume(BufferedPipe& p, uint32_t n) {
   p.cursor += n;
   p.count -= n;
   return s;
-}
-
-uint32_t CodeOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const Common::Error& e) {
-    return e.Code();
-  }
-  return 0;
 }
 
 TEST(BufferedPipe, UntouchedBufferPassesNothingToTheTee) {
@@ -54,7 +46,7 @@ TEST(BufferedPipe, ConsumedBytesFlowOnButTheLastOneWaits) {
   EXPECT_EQ(Consume(p, 4), "efgh");
   // The held byte may still be changed, and the changed value flows on.
   p.cursor[-1] = 'H';
-  EXPECT_EQ(CodeOf([&] { p.Readmore(); }), 0x40002u);
+  EXPECT_EQ(ThrownCode([&] { p.Readmore(); }), 0x40002u);
   EXPECT_EQ(tee.data, "abcdefg");
   p.WriteToTee(p.cursor);
   EXPECT_EQ(tee.data, "abcdefgH");
@@ -84,7 +76,7 @@ TEST(BufferedPipe, WithoutTeeConsumedBytesAreDropped) {
 TEST(BufferedPipe, EndOfInputThrowsEndOfFile) {
   ScriptedInput in("");
   BufferedPipe p(&in, nullptr);
-  EXPECT_EQ(CodeOf([&] { p.Readmore(); }), 0x40002u);
+  EXPECT_EQ(ThrownCode([&] { p.Readmore(); }), 0x40002u);
   EXPECT_EQ(p.count, 0u);
 }
 
@@ -93,7 +85,7 @@ TEST(BufferedPipe, InputErrorIsTakenOutAndThrown) {
   in.failAt = 1;
   in.failCode = 0x4000D;
   BufferedPipe p(&in, nullptr);
-  EXPECT_EQ(CodeOf([&] { p.Readmore(); }), 0x4000Du);
+  EXPECT_EQ(ThrownCode([&] { p.Readmore(); }), 0x4000Du);
   EXPECT_FALSE(in.HasError());
 }
 
@@ -104,7 +96,7 @@ TEST(BufferedPipe, TeeErrorIsTakenOutAndThrown) {
   BufferedPipe p(&in, &tee);
   p.Readmore();
   Consume(p, 3);
-  EXPECT_EQ(CodeOf([&] { p.Readmore(); }), 0x40003u);
+  EXPECT_EQ(ThrownCode([&] { p.Readmore(); }), 0x40003u);
   EXPECT_FALSE(tee.HasError());
 }
 
@@ -115,7 +107,7 @@ TEST(BufferedPipe, ShortTeeWriteThrowsDiskFull) {
   BufferedPipe p(&in, &tee);
   p.Readmore();
   Consume(p, 3);
-  EXPECT_EQ(CodeOf([&] { p.Readmore(); }), 0x40004u);
+  EXPECT_EQ(ThrownCode([&] { p.Readmore(); }), 0x40004u);
   EXPECT_FALSE(tee.HasError());
 }
 

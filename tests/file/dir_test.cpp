@@ -179,13 +179,7 @@ TEST(DirectoryArguments, BadArgumentsThrowTheOperationsCode) {
   };
   for (const auto& c : calls) {
     FakeDir d;
-    uint32_t thrown = 0;
-    try {
-      c.run(d);
-    } catch (const Common::Error& e) {
-      thrown = e.Code();
-    }
-    EXPECT_EQ(thrown, c.code) << c.name;
+    EXPECT_EQ(test_util::ThrownCode([&] { c.run(d); }), c.code) << c.name;
     EXPECT_TRUE(d.calls.empty()) << c.name;
     EXPECT_FALSE(d.HasError()) << c.name;
   }
@@ -212,6 +206,9 @@ TEST(DirectoryArguments, NullDirectoryArgumentsRecordOpenError) {
     EXPECT_EQ(result, nullptr) << c.name;
     EXPECT_EQ(d.GetError().Code(), c.code) << c.name;
     EXPECT_EQ(d.GetError().Message(), u"Error occurred while opening the file.") << c.name;
+    // Raised where the caller's operation stands, not in a helper.
+    const std::string function = d.GetError().Function();
+    EXPECT_TRUE(function == "OpenDir" || function == "GetIterator") << c.name << ": " << function;
     EXPECT_TRUE(d.calls.empty()) << c.name;
   }
 }
@@ -223,6 +220,17 @@ void Drop(T* p) {
 
 // Good arguments reach the matching hook; the faces keep their meaning:
 // Open reads, the writing face and OpenForWrite write.
+TEST(DirectoryArguments, ThrownErrorNamesTheOperation) {
+  FakeDir d;
+  try {
+    d.Rename(u"a", u"");
+    FAIL() << "no throw";
+  } catch (const Common::Error& e) {
+    EXPECT_STREQ(e.Function(), "Rename");
+    EXPECT_EQ(e.Message(), u"Error occurred while renaming the file.");
+  }
+}
+
 TEST(DirectoryArguments, GoodArgumentsReachTheirHook) {
   FakeDir d;
   FakeIterator it;
@@ -372,13 +380,7 @@ TEST(DirectoryDefaults, ResolveSymLinksWithFailedCloneThrowsAndFreesTheDirectory
   FakeDir d;
   FakeId failing(true);
   const int before = liveDirs;
-  uint32_t thrown = 0;
-  try {
-    d.ResolveSymLinks(&failing);
-  } catch (const Common::Error& e) {
-    thrown = e.Code();
-  }
-  EXPECT_EQ(thrown, 0x40006u);
+  EXPECT_EQ(test_util::ThrownCode([&] { d.ResolveSymLinks(&failing); }), 0x40006u);
   EXPECT_EQ(liveDirs, before);
 }
 
