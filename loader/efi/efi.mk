@@ -32,6 +32,14 @@ EFI_SHARED_SOURCES := $(shell find core loader -name '*.cpp' -not -path '*/host_
 EFI_RUNTIME_SOURCES := $(wildcard $(EFI_RUNTIME_DIR)/*.cpp $(EFI_RUNTIME_DIR)/*.c $(EFI_RUNTIME_DIR)/*.S)
 EFI_OBJECTS := $(patsubst %,$(EFI_DIR)/obj/%.o,$(EFI_SHARED_SOURCES) $(EFI_RUNTIME_SOURCES))
 
+# A second image checks the runtime on the real firmware: the runtime
+# without the loader's main(), and the checks' own main().
+EFI_MAIN_SOURCE := $(EFI_RUNTIME_DIR)/efi_entry.cpp
+EFI_CHECK_SOURCES := tests/e2e/runtime/runtime_check.cpp
+EFI_CHECK_OBJECTS := $(patsubst %,$(EFI_DIR)/obj/%.o,\
+  $(filter-out $(EFI_MAIN_SOURCE),$(EFI_RUNTIME_SOURCES)) $(EFI_CHECK_SOURCES))
+EFI_CHECK_IMAGE := $(EFI_DIR)/runtime-check.efi
+
 # ---- flags -----------------------------------------------------------------
 
 # The firmware's interrupt handlers use the current stack, so no red zone;
@@ -79,7 +87,7 @@ efi:
 	@$(MAKE) --no-print-directory -f loader/efi/efi.mk \
 	  $(if $(findstring jobserver,$(MAKEFLAGS)),,-j$(JOBS)) BUILD=$(BUILD) efi-image
 
-efi-image: $(EFI_IMAGE)
+efi-image: $(EFI_IMAGE) $(EFI_CHECK_IMAGE)
 
 $(EFI_DIR)/obj/%.cpp.o: %.cpp loader/efi/efi.mk
 	@mkdir -p $(@D)
@@ -107,21 +115,39 @@ $(EFI_LIBSTDCXX_PICK): $(GCC_LIB_DIR)/libstdc++.a $(EFI_RUNTIME_DIR)/check_image
 	@python3 $(EFI_RUNTIME_DIR)/check_image.py redzone $(addprefix $(EFI_DIR)/libstdcxx/,$(EFI_LIBSTDCXX_OBJECTS))
 	@ar rcs $@ $(addprefix $(EFI_DIR)/libstdcxx/,$(EFI_LIBSTDCXX_OBJECTS))
 
-# Checked before the image exists: a failed check leaves no image behind.
-$(EFI_SO): $(EFI_OBJECTS) $(EFI_LIBS) $(EFI_RUNTIME_DIR)/efi.lds $(EFI_RUNTIME_DIR)/image.ver \
-           $(EFI_RUNTIME_DIR)/check_image.py
-	@echo "efi: linking"
+EFI_LINK_INPUTS := $(EFI_LIBS) $(EFI_RUNTIME_DIR)/efi.lds $(EFI_RUNTIME_DIR)/image.ver \
+  $(EFI_RUNTIME_DIR)/check_image.py
+
+# $(call efi_link,OBJECTS): links $@, checked before it exists under its
+# name, so that a failed check leaves nothing behind.
+define efi_link
+	@echo "efi: linking $@"
 	@ld -nostdlib -znocombreloc -T $(EFI_RUNTIME_DIR)/efi.lds -shared -Bsymbolic --no-undefined \
 	  --gc-sections --version-script=$(EFI_RUNTIME_DIR)/image.ver -o $@.tmp \
-	  $(EFI_OBJECTS) --start-group $(EFI_LIBS) --end-group
+	  $(1) --start-group $(EFI_LIBS) --end-group
 	@python3 $(EFI_RUNTIME_DIR)/check_image.py relocs $@.tmp
 	@python3 $(EFI_RUNTIME_DIR)/check_image.py redzone $@.tmp
 	@mv $@.tmp $@
+endef
 
-$(EFI_IMAGE): $(EFI_SO)
+# ELF to PE32+, EFI application.
+define efi_convert
 	@objcopy -j .text -j .sdata -j .data -j .dynamic -j .dynsym -j .rel -j .rela -j '.rel.*' \
 	  -j '.rela.*' -j .reloc -j .eh_frame --target efi-app-x86_64 --subsystem=10 $< $@.tmp
 	@mv $@.tmp $@
 	@echo "efi: $@ ($$(stat -c %s $@) bytes)"
+endef
 
--include $(EFI_OBJECTS:.o=.d)
+$(EFI_SO): $(EFI_OBJECTS) $(EFI_LINK_INPUTS)
+	$(call efi_link,$(EFI_OBJECTS))
+
+$(EFI_IMAGE): $(EFI_SO)
+	$(efi_convert)
+
+$(EFI_DIR)/runtime-check.so: $(EFI_CHECK_OBJECTS) $(EFI_LINK_INPUTS)
+	$(call efi_link,$(EFI_CHECK_OBJECTS))
+
+$(EFI_CHECK_IMAGE): $(EFI_DIR)/runtime-check.so
+	$(efi_convert)
+
+-include $(EFI_OBJECTS:.o=.d) $(EFI_CHECK_OBJECTS:.o=.d)

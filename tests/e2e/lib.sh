@@ -11,7 +11,7 @@
 #   e2e_expect_return
 #   e2e_pass
 #
-# Everything ends by itself: each wait has a time limit, QEMU itself runs
+# Safe under "set -e".  Everything ends by itself: each wait has a time limit, QEMU itself runs
 # under a hard limit, and the exit trap kills it and removes the work folder
 # (kept when E2E_KEEP=1).  QEMU never reboots (-no-reboot): a reset ends it.
 #
@@ -52,7 +52,10 @@ e2e_fail() {
     echo "---- console (last 60 lines) ----" >&2
     e2e_console | tail -n 60 >&2
     echo "---------------------------------" >&2
-    [ -s "$E2E_WORK/qemu.err" ] && { echo "---- qemu stderr ----" >&2; cat "$E2E_WORK/qemu.err" >&2; }
+    if [ -s "$E2E_WORK/qemu.err" ]; then
+      echo "---- qemu stderr ----" >&2
+      cat "$E2E_WORK/qemu.err" >&2
+    fi
   fi
   exit 1
 }
@@ -108,28 +111,30 @@ e2e_make_esp() {
   done
   rm -f "$image"
   mkfs.fat -C -F 32 -n ESP "$image" $((size * 1024)) >/dev/null || e2e_fail "mkfs.fat failed"
-  mmd -i "$image" ::/EFI ::/EFI/BOOT || e2e_fail "mmd failed"
+  mmd -i "$image" ::/EFI ::/EFI/BOOT </dev/null || e2e_fail "mmd failed"
   if [ -n "$loader" ]; then
-    mcopy -i "$image" "$loader" ::/EFI/BOOT/BOOTX64.EFI || e2e_fail "mcopy of the loader failed"
+    mcopy -i "$image" "$loader" ::/EFI/BOOT/BOOTX64.EFI </dev/null || e2e_fail "mcopy of the loader failed"
   fi
   local spec source dest dir
   for spec in "$@"; do
     source=${spec%%=*}
     dest=${spec#*=}
     dest=${dest//\\//}
-    # Parent folders first; mmd fails on ones that exist, which is fine.
+    # Parent folders first.
     dir=$(dirname "$dest")
     local path= part
     IFS=/ read -ra parts <<<"${dir#/}"
     for part in "${parts[@]}"; do
       [ -n "$part" ] || continue
       path=$path/$part
-      mmd -i "$image" "::$path" 2>/dev/null || true
+      mdir -i "$image" "::$path" >/dev/null 2>&1 </dev/null ||
+        mmd -i "$image" "::$path" </dev/null || e2e_fail "mmd of $path failed"
     done
+    # -D o: replace what is there, never ask (mtools asks on a terminal).
     if [ -d "$source" ]; then
-      mcopy -s -i "$image" "$source" "::$dest" || e2e_fail "mcopy of $source failed"
+      mcopy -s -D o -i "$image" "$source" "::$dest" </dev/null || e2e_fail "mcopy of $source failed"
     else
-      mcopy -i "$image" "$source" "::$dest" || e2e_fail "mcopy of $source failed"
+      mcopy -D o -i "$image" "$source" "::$dest" </dev/null || e2e_fail "mcopy of $source failed"
     fi
   done
 }
@@ -183,7 +188,7 @@ e2e_boot() {
     -drive "if=pflash,format=raw,unit=0,readonly=on,file=$code"
     -drive "if=pflash,format=raw,unit=1,file=$E2E_WORK/vars.$E2E_RUN.fd"
     -nodefaults -display none -monitor none -serial stdio -net none -no-reboot)
-  [ $vga = 1 ] && args+=(-vga std)
+  if [ $vga = 1 ]; then args+=(-vga std); fi
   local disk
   for disk in "${disks[@]}"; do
     args+=(-drive "format=raw,file=$disk")
@@ -209,14 +214,14 @@ e2e_running() { [ -n "$E2E_QEMU_PID" ] && kill -0 "$E2E_QEMU_PID" 2>/dev/null; }
 # Ends QEMU (if still running) and closes the key channel.
 e2e_stop() {
   if [ -n "$E2E_QEMU_PID" ]; then
-    kill "$E2E_QEMU_PID" 2>/dev/null
+    kill "$E2E_QEMU_PID" 2>/dev/null || true
     local i
     for i in $(seq 50); do
       e2e_running || break
       sleep 0.1
     done
-    kill -KILL "$E2E_QEMU_PID" 2>/dev/null
-    wait "$E2E_QEMU_PID" 2>/dev/null
+    kill -KILL "$E2E_QEMU_PID" 2>/dev/null || true
+    wait "$E2E_QEMU_PID" 2>/dev/null || true
     E2E_QEMU_PID=
   fi
   if [ -n "$E2E_KEYS_FD" ]; then
@@ -228,10 +233,12 @@ e2e_stop() {
 # The console as text: ANSI sequences and carriage returns removed; cursor
 # positioning becomes a line break, so that text drawn at a position does
 # not run into what stood before it.
-e2e_strip() {
-  sed -e 's/\x1b\[[0-9;]*[Hf]/\n/g' -e 's/\x1b\[[0-9;?=]*[A-Za-z]//g' -e 's/\x1b[()][A-Z0-9]//g' \
-    -e 's/\x1b[=>c]//g' -e 's/\r//g'
-}
+E2E_STRIP_SED=(-e 's/\x1b\[[0-9;]*[Hf]/\n/g' -e 's/\x1b\[[0-9;?=]*[A-Za-z]//g'
+  -e 's/\x1b[()][A-Z0-9]//g' -e 's/\x1b[=>c]//g' -e 's/\r//g')
+e2e_strip() { sed "${E2E_STRIP_SED[@]}"; }
+# The same for a live view: line by line as it comes, without runs of
+# empty lines.
+e2e_strip_stream() { sed -u "${E2E_STRIP_SED[@]}" | cat -s; }
 
 e2e_console() { [ -f "$E2E_RAW" ] && e2e_strip <"$E2E_RAW"; }
 
@@ -309,7 +316,7 @@ e2e_wait_exit() {
     [ "$(e2e_now_ns)" -lt "$deadline" ] || e2e_fail "QEMU still running after $limit s"
     sleep 0.1
   done
-  wait "$E2E_QEMU_PID" 2>/dev/null
+  wait "$E2E_QEMU_PID" 2>/dev/null || true
   E2E_QEMU_PID=
   e2e_note "QEMU ended after $(e2e_elapsed) s"
 }

@@ -1,0 +1,435 @@
+// Checks of the C and C++ runtime that the firmware image brings along.
+//
+// Built twice: for the host, where glibc and libstdc++ must agree with every
+// expectation here (so a wrong expectation cannot hide a fault), and as its
+// own EFI image, where the image's runtime must agree too.  Prints one line
+// per failed case and a summary; the exit handlers print their order last.
+// Truncation is what some cases are about.
+#pragma GCC diagnostic ignored "-Wformat-truncation"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+#ifdef LOADER_EFI
+#include "efi/uefi/platform.h"
+#endif
+
+namespace {
+
+int g_passed = 0;
+int g_failed = 0;
+
+void Check(bool ok, const char* what, int line) {
+  if (ok) {
+    ++g_passed;
+  } else {
+    ++g_failed;
+    printf("FAILED (line %d): %s\n", line, what);
+  }
+}
+
+#define CHECK(condition) Check((condition), #condition, __LINE__)
+
+__attribute__((format(printf, 3, 4))) void CheckFormat(int line, const char* expected, const char* format,
+                                                       ...) {
+  char buffer[128];
+  va_list args;
+  va_start(args, format);
+  int length = vsnprintf(buffer, sizeof buffer, format, args);
+  va_end(args);
+  bool ok = strcmp(buffer, expected) == 0 && length == static_cast<int>(strlen(expected));
+  if (!ok) printf("FAILED (line %d): format \"%s\" gave \"%s\" (%d), not \"%s\"\n", line, format, buffer, length, expected);
+  ok ? ++g_passed : ++g_failed;
+}
+
+#define CHECK_FORMAT(expected, ...) CheckFormat(__LINE__, expected, __VA_ARGS__)
+
+// ---- formatted output ------------------------------------------------------
+
+void CheckFormatting() {
+  CHECK_FORMAT("0", "%d", 0);
+  CHECK_FORMAT("-42", "%d", -42);
+  CHECK_FORMAT("12", "%i", 12);
+  CHECK_FORMAT("   42", "%5d", 42);
+  CHECK_FORMAT("42   |", "%-5d|", 42);
+  CHECK_FORMAT("-0042", "%05d", -42);
+  CHECK_FORMAT("+5 5", "%+d% d", 5, 5);
+  CHECK_FORMAT("007", "%.3d", 7);
+  CHECK_FORMAT("    -007", "%8.3d", -7);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+  CHECK_FORMAT("   12", "%05.2d", 12);  // a precision turns the '0' flag off
+#pragma GCC diagnostic pop
+  CHECK_FORMAT("", "%.0d", 0);
+  CHECK_FORMAT("-2147483648", "%d", INT_MIN);
+  CHECK_FORMAT("4294967295", "%u", 4294967295u);
+  CHECK_FORMAT("ff FF", "%x %X", 255, 255);
+  CHECK_FORMAT("0xff 0", "%#x %#x", 255, 0);
+  CHECK_FORMAT("0000BEEF", "%08X", 0xBEEF);
+  CHECK_FORMAT("10 010", "%o %#o", 8, 8);
+  CHECK_FORMAT("123456789abcdef", "%lx", 0x123456789abcdefUL);
+  CHECK_FORMAT("ffffffffffffffff", "%llx", ~0ULL);
+  CHECK_FORMAT("18446744073709551615", "%llu", ~0ULL);
+  CHECK_FORMAT("-9223372036854775808", "%lld", LLONG_MIN);
+  CHECK_FORMAT("-1 4294967296", "%ld %lu", -1L, 4294967296UL);
+  CHECK_FORMAT("123", "%zu", static_cast<size_t>(123));
+  CHECK_FORMAT("1 -1", "%hhu %hd", 257, 65535);
+  CHECK_FORMAT("abc", "%s", "abc");
+  CHECK_FORMAT("   ab|ab   |", "%5s|%-5s|", "ab", "ab");
+  CHECK_FORMAT("ab", "%.2s", "abcdef");
+  CHECK_FORMAT("abc", "%.*s", 3, "abcdef");
+  CHECK_FORMAT("     1|1   |", "%*d|%-*d|", 6, 1, 4, 1);
+  CHECK_FORMAT("A  A|", "%c%3c|", 'A', 'A');
+  CHECK_FORMAT("100%", "%d%%", 100);
+  CHECK_FORMAT("0x1234", "%p", reinterpret_cast<void*>(0x1234));
+  CHECK_FORMAT("3.14 1.500000 -1.235", "%.2f %f %.3f", 3.14159, 1.5, -1.2346);
+  CHECK_FORMAT("0012ABCD-0001-FFFF-0102-030405060708", "%08lX-%04hX-%04hX-%02X%02X-%02X%02X%02X%02X%02X%02X",
+               0x12ABCDUL, 1, 0xFFFF, 1, 2, 3, 4, 5, 6, 7, 8);
+
+  // Truncation keeps the terminator and reports the full length.
+  char small[5];
+  CHECK(snprintf(small, sizeof small, "%s", "abcdefgh") == 8 && strcmp(small, "abcd") == 0);
+  CHECK(snprintf(nullptr, 0, "%d", 12345) == 5);
+  char exact[4] = {'x', 'x', 'x', 'x'};
+  CHECK(snprintf(exact, 1, "abc") == 3 && exact[0] == '\0' && exact[1] == 'x');
+
+#ifdef LOADER_EFI
+  // Wide texts (UTF-16 in the image, where wchar_t is the firmware's
+  // 16-bit CHAR16) come out as UTF-8.
+  CHECK_FORMAT("Ab\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80|", "%ls|", L"Ab\u00E9\u20AC\U0001F600");
+  CHECK_FORMAT("  ab|ab  |", "%4ls|%-4ls|", L"ab", L"ab");
+  CHECK_FORMAT("abc", "%.3ls", L"abcdef");
+#endif
+}
+
+// ---- numbers and strings ------------------------------------------------------
+
+void CheckParsing() {
+  struct Case {
+    const char* text;
+    int base;
+    long value;
+    int consumed;
+    bool range;
+  };
+  static const Case kSigned[] = {
+      {"123", 10, 123, 3, false},
+      {"  -0x1F", 16, -31, 7, false},
+      {"0x1F", 0, 31, 4, false},
+      {"017", 0, 15, 3, false},
+      {"zz", 36, 1295, 2, false},
+      {"12abc", 10, 12, 2, false},
+      {"abc", 10, 0, 0, false},
+      {"0x", 16, 0, 1, false},
+      {"+7", 10, 7, 2, false},
+      {"9223372036854775807", 10, LONG_MAX, 19, false},
+      {"9223372036854775808", 10, LONG_MAX, 19, true},
+      {"-9223372036854775808", 10, LONG_MIN, 20, false},
+      {"-9223372036854775809", 10, LONG_MIN, 20, true},
+  };
+  for (const Case& c : kSigned) {
+    char* end = nullptr;
+    errno = 0;
+    long value = strtol(c.text, &end, c.base);
+    bool ok = value == c.value && end == c.text + c.consumed && (errno == ERANGE) == c.range;
+    if (!ok) printf("FAILED: strtol(\"%s\", %d) gave %ld, consumed %d\n", c.text, c.base, value, int(end - c.text));
+    ok ? ++g_passed : ++g_failed;
+  }
+  char* end = nullptr;
+  errno = 0;
+  CHECK(strtoul("-1", &end, 10) == ULONG_MAX && *end == '\0' && errno == 0);
+  CHECK(strtoul("18446744073709551616", nullptr, 10) == ULONG_MAX && errno == ERANGE);
+  errno = 0;
+  CHECK(strtoull("ffffffffffffffff", nullptr, 16) == ~0ULL && errno == 0);
+  CHECK(strtoll("-0777", nullptr, 0) == -511);
+  CHECK(atoi("  42x") == 42);
+}
+
+void CheckStrings() {
+  CHECK(memcmp("abc", "abd", 3) < 0 && memcmp("abd", "abc", 3) > 0 && memcmp("ab\x80", "ab\x01", 3) > 0);
+  CHECK(strcmp("abc", "abc") == 0 && strcmp("ab", "abc") < 0 && strcmp("\xff", "a") > 0);
+  CHECK(strncmp("abcX", "abcY", 3) == 0 && strncmp("abcX", "abcY", 4) < 0);
+  CHECK(strcasecmp("HeLLo", "hello") == 0 && strncasecmp("ABx", "aby", 2) == 0);
+  const char* text = "a/b/c";
+  CHECK(strchr(text, '/') == text + 1 && strrchr(text, '/') == text + 3 && strchr(text, '\0') == text + 5);
+  CHECK(strchr(text, 'x') == nullptr && strstr(text, "b/c") == text + 2 && strstr(text, "") == text);
+  CHECK(strstr(text, "c/") == nullptr && strlen(text) == 5 && strnlen(text, 3) == 3);
+  CHECK(memchr(text, 'c', 5) == text + 4 && memchr(text, 'c', 4) == nullptr);
+
+  char padded[6];
+  memset(padded, 'x', sizeof padded);
+  strncpy(padded, "ab", sizeof padded);
+  CHECK(memcmp(padded, "ab\0\0\0\0", 6) == 0);
+
+  // Overlapping moves in both directions.
+  char up[] = "0123456789";
+  memmove(up + 2, up, 6);
+  CHECK(strcmp(up, "0101234589") == 0);
+  char down[] = "0123456789";
+  memmove(down, down + 3, 7);
+  CHECK(strcmp(down, "3456789789") == 0);
+
+  // Large blocks: the copy and fill paths for kernels and RAM disks.
+  const size_t size = 3 * 1024 * 1024 + 7;
+  auto* a = static_cast<unsigned char*>(malloc(size));
+  auto* b = static_cast<unsigned char*>(malloc(size));
+  CHECK(a && b);
+  if (a && b) {
+    for (size_t i = 0; i < size; ++i) a[i] = static_cast<unsigned char>(i * 7 + (i >> 13));
+    memcpy(b, a, size);
+    CHECK(memcmp(a, b, size) == 0);
+    memset(b + 1, 0xA5, size - 2);
+    CHECK(b[0] == a[0] && b[1] == 0xA5 && b[size - 2] == 0xA5 && b[size - 1] == a[size - 1]);
+  }
+  free(a);
+  free(b);
+}
+
+// ---- heap ------------------------------------------------------------------------
+
+void CheckHeap() {
+  bool aligned = true;
+  std::vector<void*> blocks;
+  for (size_t size = 0; size < 300; ++size) {
+    void* p = malloc(size);
+    aligned = aligned && p && reinterpret_cast<uintptr_t>(p) % 16 == 0;
+    blocks.push_back(p);
+  }
+  for (void* p : blocks) free(p);
+  CHECK(aligned);
+
+  void* page = aligned_alloc(4096, 8192);
+  CHECK(page && reinterpret_cast<uintptr_t>(page) % 4096 == 0);
+  free(page);
+
+  auto* zeroed = static_cast<unsigned char*>(calloc(1000, 3));
+  CHECK(zeroed && std::all_of(zeroed, zeroed + 3000, [](unsigned char c) { return c == 0; }));
+  free(zeroed);
+
+  // calloc must notice that count * size does not fit.
+  volatile size_t many = SIZE_MAX / 2;
+  CHECK(calloc(many, 4) == nullptr);
+
+  auto* grown = static_cast<char*>(malloc(10));
+  memcpy(grown, "0123456789", 10);
+  grown = static_cast<char*>(realloc(grown, 100000));
+  CHECK(grown && memcmp(grown, "0123456789", 10) == 0);
+  grown = static_cast<char*>(realloc(grown, 5));
+  CHECK(grown && memcmp(grown, "01234", 5) == 0);
+  free(grown);
+}
+
+// ---- C++ -----------------------------------------------------------------------------
+
+int g_constructed = 0;
+// Keeps the compiler from leaving out an allocation whose result is unused.
+char* volatile g_sink;
+
+struct StaticObject {
+  StaticObject() { g_constructed = 42; }
+  ~StaticObject() { printf("exit: static destructor\n"); }
+};
+StaticObject g_static;
+
+int g_alive = 0;
+struct Tracked {
+  Tracked() { ++g_alive; }
+  Tracked(const Tracked&) { ++g_alive; }
+  ~Tracked() { --g_alive; }
+};
+
+struct Base {
+  virtual ~Base() = default;
+  virtual int Kind() const { return 1; }
+};
+struct Derived : Base {
+  int Kind() const override { return 2; }
+};
+
+struct CheckError {
+  int code;
+};
+
+struct Thrower {
+  Tracked member;
+  explicit Thrower(int code) { throw CheckError{code}; }
+};
+
+__attribute__((noinline)) void ThrowDeep(int depth) {
+  Tracked here;
+  if (depth == 0) throw std::runtime_error("deep");
+  ThrowDeep(depth - 1);
+}
+
+__attribute__((noinline)) int Rethrow() {
+  try {
+    ThrowDeep(3);
+  } catch (...) {
+    throw;
+  }
+  return 0;
+}
+
+void CheckExceptions() {
+  CHECK(g_constructed == 42);  // constructors of static objects ran
+
+  bool caught = false;
+  try {
+    ThrowDeep(10);
+  } catch (const std::exception& e) {
+    caught = strcmp(e.what(), "deep") == 0;
+  }
+  CHECK(caught && g_alive == 0);
+
+  caught = false;
+  try {
+    Rethrow();
+  } catch (const std::runtime_error&) {
+    caught = true;
+  }
+  CHECK(caught && g_alive == 0);
+
+  // A constructor that throws destroys the members it had built.
+  int code = 0;
+  try {
+    Thrower t(7);
+  } catch (const CheckError& e) {
+    code = e.code;
+  }
+  CHECK(code == 7 && g_alive == 0);
+
+  // Through a virtual call and std::function.
+  std::function<void()> f = [] { throw 5; };
+  int thrown = 0;
+  try {
+    f();
+  } catch (int value) {
+    thrown = value;
+  }
+  CHECK(thrown == 5);
+
+  // The library's own checks reach the program as exceptions.
+  std::vector<int> three(3);
+  std::string what;
+  try {
+    (void)three.at(5);
+  } catch (const std::exception& e) {
+    what = e.what();
+  }
+  CHECK(what.find("_M_range_check") != std::string::npos);
+
+  std::function<void()> empty;
+  what.clear();
+  try {
+    empty();
+  } catch (const std::exception& e) {
+    what = e.what();
+  }
+  CHECK(what.find("bad_function_call") != std::string::npos);
+
+  bool noMemory = false;
+  try {
+    volatile size_t huge = SIZE_MAX / 4;
+    g_sink = new char[huge];
+    delete[] g_sink;
+  } catch (const std::bad_alloc&) {
+    noMemory = true;
+  }
+  CHECK(noMemory);
+
+  // RTTI.
+  std::unique_ptr<Base> object = std::make_unique<Derived>();
+  CHECK(dynamic_cast<Derived*>(object.get()) != nullptr && object->Kind() == 2);
+  CHECK(typeid(*object) == typeid(Derived) && typeid(*object) != typeid(Base));
+}
+
+void CheckContainers() {
+  std::vector<std::string> words;
+  for (int i = 0; i < 2000; ++i) words.push_back("word-" + std::to_string(i));
+  CHECK(words.size() == 2000 && words[1999] == "word-1999");
+
+  // Many inserts and erases in scrambled order: every rebalancing case of
+  // the red-black tree comes up.
+  std::map<std::string, int> map;
+  for (int i = 0; i < 2000; ++i) map[words[(i * 7919) % 2000]] = i;
+  for (int i = 0; i < 2000; i += 3) map.erase(words[(i * 104729) % 2000]);
+  bool sorted = std::is_sorted(map.begin(), map.end(),
+                               [](const auto& a, const auto& b) { return a.first < b.first; });
+  CHECK(sorted && map.size() == 2000 - 667);
+
+  std::vector<int> numbers;
+  for (int i = 0; i < 5000; ++i) numbers.push_back((i * 7919) % 5003);
+  std::sort(numbers.begin(), numbers.end());
+  CHECK(std::is_sorted(numbers.begin(), numbers.end()) &&
+        std::adjacent_find(numbers.begin(), numbers.end()) == numbers.end());
+
+  std::u16string wide = u"\\EFI\\BOOT\\BOOTX64.EFI";
+  size_t dot = wide.rfind(u'.');
+  std::u16string config = wide.substr(0, dot + 1) + u"xml";
+  CHECK(config == u"\\EFI\\BOOT\\BOOTX64.xml" && config.size() == 21);
+
+  {
+    auto shared = std::make_shared<Tracked>();
+    std::weak_ptr<Tracked> weak = shared;
+    auto copy = shared;
+    CHECK(shared.use_count() == 2 && g_alive == 1);
+    copy.reset();
+    shared.reset();
+    CHECK(weak.expired() && g_alive == 0);
+  }
+  {
+    int deleted = 0;
+    auto deleter = [&deleted](int* p) {
+      ++deleted;
+      delete p;
+    };
+    { std::unique_ptr<int, decltype(deleter)> owned(new int(3), deleter); }
+    CHECK(deleted == 1);
+  }
+}
+
+#ifdef LOADER_EFI
+void CheckFirmware() {
+  EFI_SYSTEM_TABLE* st = Uefi::SystemTable();
+  CHECK(st != nullptr && Uefi::ImageHandle() != nullptr && Uefi::BootServicesAvailable());
+  CHECK(st && st->Hdr.Revision >= 0x1000A && Uefi::BootServices() == st->BootServices);
+  // Not set by anything in a plain firmware boot.
+  CHECK(getenv("USE_STDERR_DEV") == nullptr);
+}
+#endif
+
+void ExitHandler1() { printf("exit: handler 1\n"); }
+void ExitHandler2() { printf("exit: handler 2\n"); }
+
+}  // namespace
+
+int main(int, char**) {
+  printf("runtime check: start\n");
+  CheckFormatting();
+  CheckParsing();
+  CheckStrings();
+  CheckHeap();
+  CheckExceptions();
+  CheckContainers();
+#ifdef LOADER_EFI
+  CheckFirmware();
+#endif
+  printf("runtime check: %d of %d cases passed\n", g_passed, g_passed + g_failed);
+  // Newest first, then the static object's destructor (registered before).
+  atexit(ExitHandler1);
+  atexit(ExitHandler2);
+  return g_failed == 0 ? 0 : 1;
+}
