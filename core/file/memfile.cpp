@@ -5,6 +5,21 @@
 
 namespace Common {
 
+namespace {
+
+// Grows like a vector does, but never reserves past the size limit.
+void GrowTo(std::vector<unsigned char>& buffer, uint64_t size) {
+  if (size > buffer.capacity()) {
+    const uint64_t doubled = 2 * static_cast<uint64_t>(buffer.capacity());
+    uint64_t capacity = doubled > size ? doubled : size;
+    if (capacity > MemoryFile::kMaxSize) capacity = MemoryFile::kMaxSize;
+    buffer.reserve(capacity);
+  }
+  buffer.resize(size);
+}
+
+}  // namespace
+
 void MemoryFileImpl::Read(void* buffer, uint64_t size, uint64_t& got) {
   got = 0;
   if (HasError() || size == 0) return;
@@ -25,7 +40,7 @@ void MemoryFileImpl::Write(const void* buffer, uint64_t size, uint64_t& written)
   const uint64_t n = size < room ? size : room;
   try {
     // Past the end the gap is filled with zeroes first.
-    if (buffer_.size() < pos + n) buffer_.resize(pos + n);
+    if (buffer_.size() < pos + n) GrowTo(buffer_, pos + n);
   } catch (const std::bad_alloc&) {
     SetError(ERROR_HERE, Codes::NotEnoughMemory);
     return;
@@ -42,7 +57,7 @@ void MemoryFileImpl::Truncate(uint64_t size) {
     return;
   }
   try {
-    buffer_.resize(size);
+    GrowTo(buffer_, size);
   } catch (const std::bad_alloc&) {
     SetError(ERROR_HERE, Codes::NotEnoughMemory);
   }

@@ -95,7 +95,9 @@ TEST_P(NormalizeWindowsPathTable, GivesTheAbsolutePath) {
   const NormalizeCase& c = GetParam();
   std::u16string result = u"stale";
   EXPECT_EQ(NormalizeWindowsPath(result, c.base, c.path, c.colon), c.ok);
-  if (c.ok) EXPECT_EQ(Narrow(result), Narrow(c.expected));
+  if (c.ok) {
+    EXPECT_EQ(Narrow(result), Narrow(c.expected));
+  }
 }
 
 const std::u16string k255(255, u'n');

@@ -67,7 +67,9 @@ class PosixFileOpen : public PosixFileTest, public testing::WithParamInterface<O
 TEST_P(PosixFileOpen, FailsWithNullAndTheRightCode) {
   const OpenFailure& c = GetParam();
   std::string path = c.directory ? dir_ : Path("f");
-  if (c.existing && !c.directory) ASSERT_NE(PosixFile::Open(path, PosixFile::Mode::Create), nullptr);
+  if (c.existing && !c.directory) {
+    ASSERT_NE(PosixFile::Open(path, PosixFile::Mode::Create), nullptr);
+  }
   Common::Error error;
   auto f = PosixFile::Open(path, c.mode, error);
   EXPECT_EQ(f, nullptr);
