@@ -45,8 +45,6 @@ class FakeDir : public rio_dir, public nocache_dir {
     calls.push_back("OpenPath");
     return nullptr;
   }
-  iterator* GetIterator() override { return new FakeIterator(); }
-  using i_dir::GetIterator;
   iterator* GetSelfIterator() override { return new FakeIterator(); }
   std::u16string GetPath() override { return u"/fake/"; }
   int Compare(i_dir* other) override { return other == this ? 0 : 2; }
@@ -99,6 +97,7 @@ class FakeDir : public rio_dir, public nocache_dir {
     Log("OpenDir", u"<id>");
     return new FakeDir();
   }
+  iterator* DoGetIterator() override { return new FakeIterator(); }
   iterator* DoGetIterator(const char16_t* name) override {
     Log("GetIterator", name);
     return new FakeIterator();
@@ -119,7 +118,6 @@ class FakeDir : public rio_dir, public nocache_dir {
 class ReadOnlyDir : public ri_dir {
  public:
   i_dir* OpenPath(const char16_t*&) override { return nullptr; }
-  iterator* GetIterator() override { return nullptr; }
   iterator* GetSelfIterator() override { return nullptr; }
   std::u16string GetPath() override { return u"/"; }
   int Compare(i_dir*) override { return 2; }
@@ -132,6 +130,7 @@ class ReadOnlyDir : public ri_dir {
   i_dir* DoOpenDir(const char16_t*) override { return nullptr; }
   i_dir* DoOpenDir(iterator*) override { return nullptr; }
   i_dir* DoOpenDir(const file_identifier*) override { return nullptr; }
+  iterator* DoGetIterator() override { return nullptr; }
   iterator* DoGetIterator(const char16_t*) override { return nullptr; }
   iterator* DoGetIterator(const file_identifier*) override { return nullptr; }
 };

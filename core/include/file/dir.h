@@ -10,7 +10,8 @@
 // Operations whose arguments have rules are non-virtual: the face checks the
 // argument and throws or records the failure itself, so every file system
 // behaves the same on a bad name.  Implementations supply the Do* hooks,
-// which only ever see checked arguments.
+// which only ever see checked arguments.  (GetIterator() goes through a hook
+// too, so that no implementation hides its overloads.)
 #pragma once
 
 #include <cstdint>
@@ -81,7 +82,7 @@ class i_dir : public virtual file_object {
   virtual i_dir* OpenSpecialDir();
 
   // A cursor on the first entry.
-  virtual iterator* GetIterator() = 0;
+  iterator* GetIterator() { return DoGetIterator(); }
   // A cursor on the named entry; a name that is not one path component
   // throws 0x40007.
   iterator* GetIterator(const char16_t* name);
@@ -122,6 +123,7 @@ class i_dir : public virtual file_object {
   virtual i_dir* DoOpenDir(const char16_t* name) = 0;
   virtual i_dir* DoOpenDir(iterator* entry) = 0;
   virtual i_dir* DoOpenDir(const file_identifier* id) = 0;
+  virtual iterator* DoGetIterator() = 0;
   virtual iterator* DoGetIterator(const char16_t* name) = 0;
   virtual iterator* DoGetIterator(const file_identifier* id) = 0;
 };
