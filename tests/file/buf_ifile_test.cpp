@@ -24,15 +24,6 @@ TEST(BufIFile, ReadsTheRangeAndStopsAtItsEnd) {
   EXPECT_FALSE(f.HasError());
 }
 
-TEST(BufIFile, ZeroByteReadDeliversNothingAndRecordsNothing) {
-  const char data[] = "abc";
-  buf_ifile<unsigned char> f(data, 3);
-  uint64_t got = 7;
-  f.Read(nullptr, 0, got);
-  EXPECT_EQ(got, 0u);
-  EXPECT_FALSE(f.HasError());
-  EXPECT_EQ(f.SeekCur(0), 0);
-}
 
 TEST(BufIFile, NegativeOrPastEndPositionsReadNothing) {
   const char data[] = "abc";
@@ -52,28 +43,7 @@ TEST(BufIFile, NegativeOrPastEndPositionsReadNothing) {
   EXPECT_FALSE(f.HasError());
 }
 
-TEST(BufIFile, ExactReadPastEndRecordsEndOfFileAndStaysStopped) {
-  const char data[] = "abc";
-  buf_ifile<unsigned char> f(data, 3);
-  char buf[4];
-  f.Read(buf, 4);
-  ASSERT_EQ(f.GetError().Code(), 0x40002u);
-  f.Rewind();
-  uint64_t got = 5;
-  f.Read(buf, 2, got);
-  EXPECT_EQ(got, 0u);
-  f.TakeError();
-  f.Read(buf, 2, got);
-  EXPECT_EQ(got, 2u);
-}
 
-TEST(BufIFile, GenericGetSizeOfBaseKeepsPosition) {
-  const char data[] = "abcdef";
-  buf_ifile<unsigned char> f(data, 6);
-  f.Seek(4);
-  EXPECT_EQ(f.raccess_file::GetSize(), 6);
-  EXPECT_EQ(f.SeekCur(0), 4);
-}
 
 TEST(BufIFile, OwnedBlockIsFreedByTheStream) {
   // Leak checking in the sanitizer build turns a missing delete[] into a

@@ -104,16 +104,6 @@ TEST(MemoryFile, SeeksAreUncheckedArithmetic) {
   EXPECT_FALSE(f.HasError());
 }
 
-TEST(MemoryFile, SeekEndZeroGivesSizeAndReadThereIsEmptyWithoutError) {
-  Common::MemoryFileImpl f;
-  f.Write("abc", 3);
-  EXPECT_EQ(f.SeekEnd(0), 3);
-  char c;
-  uint64_t got = 9;
-  f.Read(&c, 1, got);
-  EXPECT_EQ(got, 0u);
-  EXPECT_FALSE(f.HasError());
-}
 
 TEST(MemoryFile, TruncateGrowsWithZeroesShrinksAndKeepsPosition) {
   Common::MemoryFileImpl f;
@@ -188,24 +178,5 @@ TEST(MemoryFile, HeldErrorStopsEveryOperationUntilTaken) {
   EXPECT_EQ(n, 3u);
 }
 
-TEST(MemoryFile, ExactReadAtEndIsStickyUntilTaken) {
-  Common::MemoryFileImpl f;
-  f.Write("abc", 3);
-  f.Rewind();
-  char buf[8];
-  f.Read(buf, 4);
-  ASSERT_TRUE(f.HasError());
-  EXPECT_EQ(f.GetError().Code(), 0x40002u);
-  EXPECT_EQ(f.GetError().Message(), u"The end of the file has been reached.");
-  f.Rewind();
-  uint64_t got = 5;
-  f.Read(buf, 1, got);
-  EXPECT_EQ(got, 0u);  // still stopped, even from the start
-  f.Read(buf, 1);
-  EXPECT_EQ(f.GetError().Code(), 0x40002u);
-  f.TakeError();
-  f.Read(buf, 1, got);
-  EXPECT_EQ(got, 1u);
-}
 
 }  // namespace
