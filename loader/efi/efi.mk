@@ -6,9 +6,11 @@
 # with the runtime of loader/efi/uefi, and linked with gnu-efi, libsupc++ and
 # libgcc into a position-independent ELF object that objcopy turns into PE.
 #
-# Further static libraries (compiled for this target elsewhere) are linked
-# when their paths are added to EFI_EXTRA_LIBS before this file is included,
-# or by a fragment included after it; their rules stay in that fragment.
+# Third-party C libraries compiled for this target: each has a fragment
+# loader/efi/lib-NAME.mk, included below before the link rules.  A fragment
+# appends its archive to EFI_EXTRA_LIBS and its include folders and defines
+# to EFI_EXTRA_CPPFLAGS, and has the rules that build the archive under
+# $(EFI_DIR)/NAME/, compiling with $(EFI_LIB_CFLAGS).
 
 BUILD ?= build
 JOBS ?= $(shell nproc)
@@ -19,6 +21,7 @@ EFI_IMAGE := $(BUILD)/loader.efi
 EFI_SO := $(EFI_DIR)/loader.so
 EFI_RUNTIME_DIR := loader/efi/uefi
 EFI_EXTRA_LIBS ?=
+EFI_EXTRA_CPPFLAGS ?=
 
 GNU_EFI_INC := /usr/include/efi
 GNU_EFI_LIB := /usr/lib
@@ -49,11 +52,11 @@ EFI_TARGET_FLAGS := -fpic -mno-red-zone -maccumulate-outgoing-args -fno-stack-pr
   -fshort-wchar -fno-strict-aliasing -ffunction-sections -fdata-sections -fvisibility=hidden
 EFI_WARN_FLAGS := -Wall -Wextra -Wno-unused-parameter
 EFI_OPT_FLAGS ?= -O2
-EFI_CPPFLAGS := -DLOADER_EFI=1 -DGNU_EFI_USE_MS_ABI \
+EFI_CPPFLAGS = -DLOADER_EFI=1 -DGNU_EFI_USE_MS_ABI \
   -I$(GNU_EFI_INC) -I$(GNU_EFI_INC)/x86_64 -I$(GNU_EFI_INC)/protocol \
   -Icore/include -Icore -Iloader \
   -include $(EFI_RUNTIME_DIR)/prelude.h \
-  -fmacro-prefix-map=$(CURDIR)/=
+  -fmacro-prefix-map=$(CURDIR)/= $(EFI_EXTRA_CPPFLAGS)
 EFI_CXXFLAGS := -std=c++20 -fexceptions -frtti -fno-threadsafe-statics
 EFI_CFLAGS := -std=gnu11
 # The runtime defines memcpy and friends: keep the compiler from turning
@@ -62,6 +65,12 @@ EFI_RUNTIME_FLAGS := -fno-builtin -fno-tree-loop-distribute-patterns
 
 EFI_COMMON_FLAGS = $(EFI_TARGET_FLAGS) $(EFI_OPT_FLAGS) $(EFI_WARN_FLAGS) $(EFI_CPPFLAGS) \
   $(if $(filter $(EFI_RUNTIME_DIR)/%,$<),$(EFI_RUNTIME_FLAGS)) -MMD -MP
+# For third-party C code: the target's code generation, no warnings of ours.
+EFI_LIB_CFLAGS = $(EFI_TARGET_FLAGS) $(EFI_OPT_FLAGS) $(EFI_CFLAGS) -DLOADER_EFI=1 -w
+
+# Objects are rebuilt when the flags change.
+EFI_MAKEFILES := loader/efi/efi.mk $(wildcard loader/efi/lib-*.mk)
+-include $(wildcard loader/efi/lib-*.mk)
 
 # ---- libraries -------------------------------------------------------------
 
@@ -89,17 +98,17 @@ efi:
 
 efi-image: $(EFI_IMAGE) $(EFI_CHECK_IMAGE)
 
-$(EFI_DIR)/obj/%.cpp.o: %.cpp loader/efi/efi.mk
+$(EFI_DIR)/obj/%.cpp.o: %.cpp $(EFI_MAKEFILES)
 	@mkdir -p $(@D)
 	@echo "efi: $<"
 	@g++ $(EFI_COMMON_FLAGS) $(EFI_CXXFLAGS) -c $< -o $@
 
-$(EFI_DIR)/obj/%.c.o: %.c loader/efi/efi.mk
+$(EFI_DIR)/obj/%.c.o: %.c $(EFI_MAKEFILES)
 	@mkdir -p $(@D)
 	@echo "efi: $<"
 	@gcc $(EFI_COMMON_FLAGS) $(EFI_CFLAGS) -c $< -o $@
 
-$(EFI_DIR)/obj/%.S.o: %.S loader/efi/efi.mk
+$(EFI_DIR)/obj/%.S.o: %.S $(EFI_MAKEFILES)
 	@mkdir -p $(@D)
 	@echo "efi: $<"
 	@gcc $(EFI_TARGET_FLAGS) -MMD -MP -c $< -o $@
