@@ -134,7 +134,7 @@ define efi_link
 	@ld -nostdlib -znocombreloc -T $(EFI_RUNTIME_DIR)/efi.lds -shared -Bsymbolic --no-undefined \
 	  --gc-sections --version-script=$(EFI_RUNTIME_DIR)/image.ver -o $@.tmp \
 	  $(1) --start-group $(EFI_LIBS) --end-group
-	@python3 $(EFI_RUNTIME_DIR)/check_image.py relocs $@.tmp
+	@python3 $(EFI_RUNTIME_DIR)/check_image.py image $@.tmp
 	@python3 $(EFI_RUNTIME_DIR)/check_image.py redzone $@.tmp
 	@mv $@.tmp $@
 endef

@@ -4,11 +4,15 @@
   check_image.py redzone FILE...  no code uses the area below the stack
                                   pointer: firmware interrupt handlers may
                                   overwrite it at any moment.
-  check_image.py relocs FILE      the linked image needs nothing but
+  check_image.py image FILE       the linked image needs nothing but
                                   R_X86_64_RELATIVE fix-ups, all in .rela:
                                   the only kind and place the entry code
                                   applies; others would be left undone
-                                  without a word.
+                                  without a word.  And every section the
+                                  program needs at run time is one that
+                                  goes into the PE file (objcopy drops the
+                                  others silently), with no thread-local
+                                  storage, which nothing would set up.
 """
 import re
 import subprocess
@@ -63,7 +67,32 @@ def check_redzone(paths):
     return not findings
 
 
-def check_relocs(path):
+# What the PE conversion copies, and what may be left behind because only
+# the ELF tools read it (symbol hashing, names, tracing probes' anchor).
+COPIED = {".text", ".data", ".eh_frame", ".reloc", ".dynamic", ".dynsym", ".rela", ".sdata"}
+NOT_NEEDED = {".hash", ".gnu.hash", ".dynstr", ".stapsdt.base", ".note.gnu.build-id"}
+SECTION = re.compile(r"^\s*\[\s*\d+\]\s+(\S+)\s+\S+\s+[0-9a-f]+\s+[0-9a-f]+\s+[0-9a-f]+\s+[0-9a-f]+\s+([A-Za-z]*)")
+
+
+def check_sections(path):
+    listing = subprocess.run(["readelf", "-SW", path],
+                             check=True, capture_output=True, text=True).stdout
+    ok = True
+    for line in listing.splitlines():
+        m = SECTION.match(line)
+        if not m:
+            continue
+        name, flags = m.group(1), m.group(2)
+        if "T" in flags:
+            print(f"{path}: thread-local section {name}", file=sys.stderr)
+            ok = False
+        elif "A" in flags and name not in COPIED | NOT_NEEDED:
+            print(f"{path}: section {name} would be left out of the image", file=sys.stderr)
+            ok = False
+    return ok
+
+
+def check_image(path):
     listing = subprocess.run(["readelf", "-rW", path],
                              check=True, capture_output=True, text=True).stdout
     ok = True
@@ -76,14 +105,14 @@ def check_relocs(path):
         if len(fields) > 2 and fields[2].startswith("R_X86_64_") and fields[2] != "R_X86_64_RELATIVE":
             print(f"{path}: relocation the entry code does not apply: {line.strip()}", file=sys.stderr)
             ok = False
-    return ok
+    return check_sections(path) and ok
 
 
 def main(argv):
     if len(argv) >= 3 and argv[1] == "redzone":
         return 0 if check_redzone(argv[2:]) else 1
-    if len(argv) == 3 and argv[1] == "relocs":
-        return 0 if check_relocs(argv[2]) else 1
+    if len(argv) == 3 and argv[1] == "image":
+        return 0 if check_image(argv[2]) else 1
     print(__doc__, file=sys.stderr)
     return 2
 
