@@ -92,6 +92,14 @@ class FirmwarePxe {
 
 enum class ResetType { Cold, Warm, Shutdown };
 
+// Further faces of the firmware, each declared in its own header by the
+// subsystem that uses it (memory and leaving boot services, video, PCI,
+// block devices).  A firmware that lacks one answers null.
+class FirmwareMemory;
+class FirmwareVideo;
+class FirmwarePci;
+class FirmwareBlocks;
+
 class Firmware {
  public:
   virtual ~Firmware() = default;
@@ -152,6 +160,12 @@ class Firmware {
   // loaded image protocol.
   virtual EfiStatus SetImageDevice(EfiHandle image, EfiHandle device) = 0;
   virtual EfiStatus StartImage(EfiHandle image) = 0;
+
+  // --- further faces
+  virtual FirmwareMemory* Memory() { return nullptr; }
+  virtual FirmwareVideo* Video() { return nullptr; }
+  virtual FirmwarePci* Pci() { return nullptr; }
+  virtual FirmwareBlocks* Blocks() { return nullptr; }
 };
 
 // The firmware of this run: the real one in the image, a simulated one in

@@ -115,6 +115,16 @@ class SimFirmware : public Firmware {
   EfiStatus SetImageDevice(EfiHandle image, EfiHandle device) override;
   EfiStatus StartImage(EfiHandle image) override;
 
+  // Further faces: a test installs the simulated ones it needs.
+  FirmwareMemory* memory = nullptr;
+  FirmwareVideo* video = nullptr;
+  FirmwarePci* pci = nullptr;
+  FirmwareBlocks* blocks = nullptr;
+  FirmwareMemory* Memory() override { return memory; }
+  FirmwareVideo* Video() override { return video; }
+  FirmwarePci* Pci() override { return pci; }
+  FirmwareBlocks* Blocks() override { return blocks; }
+
   // Variable key: name and GUID text.
   static std::pair<std::u16string, std::string> Key(const std::u16string& name,
                                                     const Common::GUID& vendor);
