@@ -85,6 +85,12 @@ ErrorRecord* Fallback() {
   return &g_fallback;
 }
 
+}  // namespace
+
+ErrorRecord* detail::OutOfMemoryRecord() { return Fallback(); }
+
+namespace {
+
 void Retain(ErrorRecord* rec) {
   if (rec) rec->refCount.fetch_add(1, std::memory_order_relaxed);
 }

@@ -12,6 +12,9 @@ ErrorRecord* AllocateRecord(size_t size, const ErrorOps* ops);
 void FreeRecord(ErrorRecord* rec);
 // Copies `rec` byte for byte into a new block: count 1, no cause.
 ErrorRecord* CloneRecord(const ErrorRecord* rec);
+// One more reference on the static record that stands in when no record can
+// be allocated.
+ErrorRecord* OutOfMemoryRecord();
 
 uint64_t NoNumberParameter(const ErrorRecord*, const char*);
 const char* ModuleTextParameter(const ErrorRecord*, const char* name);
