@@ -284,7 +284,8 @@ e2e_expect_absent() {
 }
 
 # e2e_send KEYS: types KEYS, with printf escapes: '\r' Enter, '\x1b' Esc,
-# '\x1b[A' Up.  Helpers below name the usual ones.
+# '\x1b[A' Up; a backslash itself is '\\' (a lone '\E' would be Esc).
+# Names for the usual keys follow.
 e2e_send() {
   [ -n "$E2E_KEYS_FD" ] || e2e_fail "e2e_send: QEMU is not running"
   printf '%b' "$1" >&"$E2E_KEYS_FD"
@@ -296,7 +297,6 @@ E2E_KEY_UP='\x1b[A'
 E2E_KEY_DOWN='\x1b[B'
 E2E_KEY_RIGHT='\x1b[C'
 E2E_KEY_LEFT='\x1b[D'
-E2E_KEY_F10='\x1b[21~'
 
 # e2e_expect_return [SECONDS]: the loader went back to the firmware with
 # EFI_LOAD_ERROR; the firmware says so on its console before it moves on to

@@ -25,13 +25,30 @@ verify_output() {
 
 # The expectations themselves hold for the host's C and C++ libraries.
 g++ -std=c++20 -O2 -o "$E2E_WORK/runtime-check" "$CHECK_SOURCE" || e2e_fail "host build failed"
-host_output=$("$E2E_WORK/runtime-check") || e2e_fail "host run failed: $host_output"
+host_output=$("$E2E_WORK/runtime-check" alpha beta) || e2e_fail "host run failed: $host_output"
 verify_output host "$host_output"
+grep -qxF "runtime check: 3 arguments: [$E2E_WORK/runtime-check] [alpha] [beta]" <<<"$host_output" ||
+  e2e_fail "host: arguments"
 
+# Started by the firmware's boot manager: no shell, no arguments.
 e2e_make_esp "$E2E_WORK/esp.img" --loader "$CHECK_IMAGE"
 e2e_boot --disk "$E2E_WORK/esp.img"
 e2e_expect "runtime check: start" 90
 e2e_expect "exit: static destructor" 60
-e2e_expect_return 30
+e2e_expect "Load Error" 30
 verify_output firmware "$(e2e_console)"
+e2e_console | grep -qxF "runtime check: 0 arguments:" || e2e_fail "firmware: arguments without a shell"
+
+# The firmware goes on to its shell; started from there, the image gets the
+# command line as narrow arguments.
+e2e_expect "Press ESC" 60
+e2e_send "$E2E_KEY_ESC"
+e2e_expect "Shell>" 30
+e2e_mark
+e2e_send 'fs0:\\EFI\\BOOT\\BOOTX64.EFI alpha  beta\r'
+e2e_expect "exit: static destructor" 60
+verify_output "firmware, from the shell" "$(e2e_since_mark)"
+e2e_since_mark | grep -qiE '^runtime check: 3 arguments: \[fs0:\\EFI\\BOOT\\BOOTX64\.EFI\] \[alpha\] \[beta\]$' ||
+  e2e_fail "firmware: arguments from the shell"
+e2e_stop
 e2e_pass

@@ -416,8 +416,13 @@ void ExitHandler2() { printf("exit: handler 2\n"); }
 
 }  // namespace
 
-int main(int, char**) {
+int main(int argc, char** argv) {
   printf("runtime check: start\n");
+  // The arguments as the program got them (from the firmware's shell, in
+  // the image), each in brackets.
+  printf("runtime check: %d arguments:", argc);
+  for (int i = 0; i < argc; ++i) printf(" [%s]", argv[i]);
+  printf("%s\n", argc >= 0 && (argc == 0 || argv[argc] == nullptr) ? "" : " (no final null)");
   CheckFormatting();
   CheckParsing();
   CheckStrings();
