@@ -23,6 +23,20 @@ std::u16string FormatOne(const std::u16string& type, const std::u16string& style
   return Format(u"{0," + type + u"," + style + u"}", {arg});
 }
 
+// One table row: argument and style in, text out.
+struct Styled {
+  const char16_t* arg;
+  const char16_t* style;
+  const char16_t* expected;
+};
+
+void ExpectStyled(const std::u16string& type, std::initializer_list<Styled> cases) {
+  for (const Styled& c : cases)
+    EXPECT_EQ(FormatOne(type, c.style, c.arg), c.expected)
+        << test_util::Narrow(type) << ": " << test_util::Narrow(c.arg) << " / "
+        << test_util::Narrow(c.style);
+}
+
 TEST(FormatMessage, PartitionFileMessageTakesBothArguments) {
   FormatMessage m(Common::StandardErrorText(Common::Codes::CannotGetFileFromPartition));
   m.Add(u"\\EFI\\boot\\vmlinuz");
@@ -109,11 +123,7 @@ TEST(FormatMessage, ChoiceQuotingAndNesting) {
 }
 
 TEST(FormatMessage, Bytesize) {
-  struct Case {
-    const char16_t* arg;
-    const char16_t* style;
-    const char16_t* expected;
-  } cases[] = {
+  ExpectStyled(u"bytesize", {
       {u"0", u"2", u"0 Bytes"},
       {u"1023", u"2", u"1023 Bytes"},
       {u"1024", u"0", u"1 KB"},
@@ -134,18 +144,11 @@ TEST(FormatMessage, Bytesize) {
       {u"1025", u"999", u"1.00097656250000000000 KB"},  // decimals capped at 20
       {u"lots", u"2", u"lots"},
       {u"18446744073709551616", u"2", u"18446744073709551616"},
-  };
-  for (const Case& c : cases)
-    EXPECT_EQ(FormatOne(u"bytesize", c.style, c.arg), c.expected)
-        << test_util::Narrow(c.arg) << " / " << test_util::Narrow(c.style);
+  });
 }
 
 TEST(FormatMessage, Currency) {
-  struct Case {
-    const char16_t* arg;
-    const char16_t* style;
-    const char16_t* expected;
-  } cases[] = {
+  ExpectStyled(u"currency", {
       {u"12.3456", u"2", u"12.34"},
       {u"12.3456", u"4", u"12.3456"},
       {u"12.3456", u"9", u"12.3456"},
@@ -155,18 +158,11 @@ TEST(FormatMessage, Currency) {
       {u".5", u"1", u".5"},
       {u"7.25", u"x", u"7.25"},
       {u"7.25", u"99999999999999999999999", u"7.25"},
-  };
-  for (const Case& c : cases)
-    EXPECT_EQ(FormatOne(u"currency", c.style, c.arg), c.expected)
-        << test_util::Narrow(c.arg) << " / " << test_util::Narrow(c.style);
+  });
 }
 
 TEST(FormatMessage, NumberHex) {
-  struct Case {
-    const char16_t* arg;
-    const char16_t* style;
-    const char16_t* expected;
-  } cases[] = {
+  ExpectStyled(u"number", {
       {u"0", u"hex", u"0"},
       {u"255", u"hex", u"FF"},
       {u"4294967295", u"hex", u"FFFFFFFF"},
@@ -180,9 +176,7 @@ TEST(FormatMessage, NumberHex) {
       {u"255", u"", u"255"},
       {u"0xFF", u"hex", u"0xFF"},
       {u"-1", u"hex", u"-1"},
-  };
-  for (const Case& c : cases)
-    EXPECT_EQ(FormatOne(u"number", c.style, c.arg), c.expected) << test_util::Narrow(c.arg);
+  });
 }
 
 TEST(FormatMessage, WhatIsNotAPlaceholderStays) {
