@@ -7,7 +7,7 @@
 # libgcc into a position-independent ELF object that objcopy turns into PE.
 #
 # Third-party C libraries compiled for this target: each has a fragment
-# loader/efi/lib-NAME.mk, included below before the link rules.  A fragment
+# loader/efi/uefi/lib-NAME.mk, included below before the link rules.  A fragment
 # appends its archive to EFI_EXTRA_LIBS and its include folders and defines
 # to EFI_EXTRA_CPPFLAGS, and has the rules that build the archive under
 # $(EFI_DIR)/NAME/, compiling with $(EFI_LIB_CFLAGS).
@@ -69,17 +69,17 @@ EFI_COMMON_FLAGS = $(EFI_TARGET_FLAGS) $(EFI_OPT_FLAGS) $(EFI_WARN_FLAGS) $(EFI_
 EFI_LIB_CFLAGS = $(EFI_TARGET_FLAGS) $(EFI_OPT_FLAGS) $(EFI_CFLAGS) -DLOADER_EFI=1 -w
 
 # Objects are rebuilt when the flags change.
-EFI_MAKEFILES := loader/efi/efi.mk $(wildcard loader/efi/lib-*.mk)
--include $(wildcard loader/efi/lib-*.mk)
+EFI_MAKEFILES := loader/efi/efi.mk $(wildcard $(EFI_RUNTIME_DIR)/lib-*.mk)
+-include $(wildcard $(EFI_RUNTIME_DIR)/lib-*.mk)
 
 # ---- libraries -------------------------------------------------------------
 
 # gnu-efi's library brings byte-at-a-time memcpy and memset in the same
 # object as InitializeLib; a copy with those two made weak lets ours win.
 EFI_LIBEFI := $(EFI_DIR)/libefi.a
-# Out-of-line red-black tree code that std::map and std::set need.  Taken
-# from Debian's libstdc++.a only after it passed the red-zone scan; the
-# relocation check of the image covers the rest.
+# Out-of-line red-black tree code that std::map and std::set need, taken
+# from Debian's libstdc++.a only after a scan: no red zone, and nothing
+# that could need a run-time fix-up.
 EFI_LIBSTDCXX_OBJECTS := tree.o
 EFI_LIBSTDCXX_PICK := $(EFI_DIR)/libstdcxx-pick.a
 
@@ -121,7 +121,7 @@ $(EFI_LIBSTDCXX_PICK): $(GCC_LIB_DIR)/libstdc++.a $(EFI_RUNTIME_DIR)/check_image
 	@rm -rf $(EFI_DIR)/libstdcxx $@
 	@mkdir -p $(EFI_DIR)/libstdcxx
 	@cd $(EFI_DIR)/libstdcxx && ar x $(abspath $<) $(EFI_LIBSTDCXX_OBJECTS)
-	@python3 $(EFI_RUNTIME_DIR)/check_image.py redzone $(addprefix $(EFI_DIR)/libstdcxx/,$(EFI_LIBSTDCXX_OBJECTS))
+	@python3 $(EFI_RUNTIME_DIR)/check_image.py pick $(addprefix $(EFI_DIR)/libstdcxx/,$(EFI_LIBSTDCXX_OBJECTS))
 	@ar rcs $@ $(addprefix $(EFI_DIR)/libstdcxx/,$(EFI_LIBSTDCXX_OBJECTS))
 
 EFI_LINK_INPUTS := $(EFI_LIBS) $(EFI_RUNTIME_DIR)/efi.lds $(EFI_RUNTIME_DIR)/image.ver \

@@ -4,6 +4,10 @@
   check_image.py redzone FILE...  no code uses the area below the stack
                                   pointer: firmware interrupt handlers may
                                   overwrite it at any moment.
+  check_image.py pick FILE...     objects taken from a prebuilt library:
+                                  no red zone, and only PC-relative
+                                  references, which the linker resolves and
+                                  which never become run-time fix-ups.
   check_image.py image FILE       the linked image needs nothing but
                                   R_X86_64_RELATIVE fix-ups, all in .rela:
                                   the only kind and place the entry code
@@ -108,9 +112,27 @@ def check_image(path):
     return check_sections(path) and ok
 
 
+PC_RELATIVE = {"R_X86_64_PC32", "R_X86_64_PLT32", "R_X86_64_PC64"}
+
+
+def check_pick(paths):
+    ok = check_redzone(paths)
+    for path in paths:
+        listing = subprocess.run(["readelf", "-rW", path],
+                                 check=True, capture_output=True, text=True).stdout
+        kinds = {f[2] for f in (line.split() for line in listing.splitlines())
+                 if len(f) > 2 and f[2].startswith("R_X86_64_")}
+        if kinds - PC_RELATIVE:
+            print(f"{path}: relocation kinds {sorted(kinds - PC_RELATIVE)}", file=sys.stderr)
+            ok = False
+    return ok
+
+
 def main(argv):
     if len(argv) >= 3 and argv[1] == "redzone":
         return 0 if check_redzone(argv[2:]) else 1
+    if len(argv) >= 3 and argv[1] == "pick":
+        return 0 if check_pick(argv[2:]) else 1
     if len(argv) == 3 and argv[1] == "image":
         return 0 if check_image(argv[2]) else 1
     print(__doc__, file=sys.stderr)
