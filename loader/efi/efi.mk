@@ -8,9 +8,10 @@
 #
 # Third-party C libraries compiled for this target: each has a fragment
 # loader/efi/uefi/lib-NAME.mk, included below before the link rules.  A fragment
-# appends its archive to EFI_EXTRA_LIBS and its include folders and defines
-# to EFI_EXTRA_CPPFLAGS, and has the rules that build the archive under
-# $(EFI_DIR)/NAME/, compiling with $(EFI_LIB_CFLAGS).
+# appends its archive to EFI_EXTRA_LIBS, its include folders and defines
+# to EFI_EXTRA_CPPFLAGS, and what must exist before any of our files is
+# compiled (its unpacked headers) to EFI_SOURCE_PREREQS; it has the rules
+# that build the archive under $(EFI_DIR)/NAME/ with $(EFI_LIB_CFLAGS).
 
 BUILD ?= build
 JOBS ?= $(shell nproc)
@@ -22,6 +23,7 @@ EFI_SO := $(EFI_DIR)/loader.so
 EFI_RUNTIME_DIR := loader/efi/uefi
 EFI_EXTRA_LIBS ?=
 EFI_EXTRA_CPPFLAGS ?=
+EFI_SOURCE_PREREQS ?=
 
 GNU_EFI_INC := /usr/include/efi
 GNU_EFI_LIB := /usr/lib
@@ -98,12 +100,12 @@ efi:
 
 efi-image: $(EFI_IMAGE) $(EFI_CHECK_IMAGE)
 
-$(EFI_DIR)/obj/%.cpp.o: %.cpp $(EFI_MAKEFILES)
+$(EFI_DIR)/obj/%.cpp.o: %.cpp $(EFI_MAKEFILES) | $(EFI_SOURCE_PREREQS)
 	@mkdir -p $(@D)
 	@echo "efi: $<"
 	@g++ $(EFI_COMMON_FLAGS) $(EFI_CXXFLAGS) -c $< -o $@
 
-$(EFI_DIR)/obj/%.c.o: %.c $(EFI_MAKEFILES)
+$(EFI_DIR)/obj/%.c.o: %.c $(EFI_MAKEFILES) | $(EFI_SOURCE_PREREQS)
 	@mkdir -p $(@D)
 	@echo "efi: $<"
 	@gcc $(EFI_COMMON_FLAGS) $(EFI_CFLAGS) -c $< -o $@

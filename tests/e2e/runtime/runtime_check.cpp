@@ -24,6 +24,11 @@
 #include <vector>
 
 #ifdef LOADER_EFI
+#include <zlib.h>
+
+#include "7zCrc.h"
+#include "Xz.h"
+#include "XzCrc64.h"
 #include "efi/uefi/platform.h"
 #endif
 
@@ -411,6 +416,64 @@ void CheckFirmware() {
 }
 #endif
 
+#ifdef LOADER_EFI
+// The third-party C libraries compiled for the image.
+void CheckLibraries() {
+  static const char kNine[] = "123456789";
+  CHECK(crc32(0, reinterpret_cast<const Bytef*>(kNine), 9) == 0xCBF43926u);
+
+  // Raw deflate and inflate, as the gzip streams use them.
+  std::string text;
+  for (int i = 0; i < 300; ++i) text += "the firmware image compresses this line, number " + std::to_string(i % 7) + "\n";
+  std::vector<unsigned char> packed(text.size() + 1024);
+  z_stream z{};
+  bool deflated = deflateInit2(&z, 9, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) == Z_OK;
+  z.next_in = reinterpret_cast<Bytef*>(text.data());
+  z.avail_in = static_cast<uInt>(text.size());
+  z.next_out = packed.data();
+  z.avail_out = static_cast<uInt>(packed.size());
+  deflated = deflated && deflate(&z, Z_FINISH) == Z_STREAM_END;
+  size_t packedSize = z.total_out;
+  deflateEnd(&z);
+  CHECK(deflated && packedSize < text.size() / 10);
+
+  std::string unpacked(text.size(), '\0');
+  z = z_stream{};
+  bool inflated = inflateInit2(&z, -15) == Z_OK;
+  z.next_in = packed.data();
+  z.avail_in = static_cast<uInt>(packedSize);
+  z.next_out = reinterpret_cast<Bytef*>(unpacked.data());
+  z.avail_out = static_cast<uInt>(unpacked.size());
+  inflated = inflated && inflate(&z, Z_FINISH) == Z_STREAM_END;
+  inflateEnd(&z);
+  CHECK(inflated && unpacked == text);
+
+  // An xz stream (CRC-64 check) made by xz(1).
+  static const unsigned char kXz[] = {
+      0xfd, 0x37, 0x7a, 0x58, 0x5a, 0x00, 0x00, 0x04, 0xe6, 0xd6, 0xb4, 0x46, 0x02, 0x00, 0x21, 0x01, 0x16,
+      0x00, 0x00, 0x00, 0x74, 0x2f, 0xe5, 0xa3, 0x01, 0x00, 0x1c, 0x78, 0x7a, 0x20, 0x69, 0x6e, 0x73, 0x69,
+      0x64, 0x65, 0x20, 0x74, 0x68, 0x65, 0x20, 0x66, 0x69, 0x72, 0x6d, 0x77, 0x61, 0x72, 0x65, 0x20, 0x69,
+      0x6d, 0x61, 0x67, 0x65, 0x0a, 0x00, 0x00, 0x00, 0x00, 0x5b, 0x3e, 0x54, 0x87, 0x51, 0xf9, 0xcf, 0x5c,
+      0x00, 0x01, 0x35, 0x1d, 0x44, 0x1b, 0xb1, 0xe1, 0x1f, 0xb6, 0xf3, 0x7d, 0x01, 0x00, 0x00, 0x00, 0x00,
+      0x04, 0x59, 0x5a};
+  static const ISzAlloc kAlloc = {[](ISzAllocPtr, size_t size) { return malloc(size); },
+                                  [](ISzAllocPtr, void* p) { free(p); }};
+  CrcGenerateTable();
+  Crc64GenerateTable();
+  CXzUnpacker unpacker;
+  XzUnpacker_Construct(&unpacker, &kAlloc);
+  char out[64] = {};
+  SizeT outLength = sizeof out - 1;
+  SizeT inLength = sizeof kXz;
+  ECoderStatus status;
+  SRes result = XzUnpacker_Code(&unpacker, reinterpret_cast<Byte*>(out), &outLength, kXz, &inLength, 1,
+                                CODER_FINISH_END, &status);
+  bool finished = result == SZ_OK && XzUnpacker_IsStreamWasFinished(&unpacker);
+  XzUnpacker_Free(&unpacker);
+  CHECK(finished && strcmp(out, "xz inside the firmware image\n") == 0);
+}
+#endif
+
 void ExitHandler1() { printf("exit: handler 1\n"); }
 void ExitHandler2() { printf("exit: handler 2\n"); }
 
@@ -431,6 +494,7 @@ int main(int argc, char** argv) {
   CheckContainers();
 #ifdef LOADER_EFI
   CheckFirmware();
+  CheckLibraries();
 #endif
   printf("runtime check: %d of %d cases passed\n", g_passed, g_passed + g_failed);
   // Newest first, then the static object's destructor (registered before).
