@@ -2,6 +2,7 @@
 #include "efi/config.h"
 #include "efi/file.h"
 #include "efi/xml_access.h"
+#include "uefi/boot_entries.h"
 
 namespace EfiLoader {
 
@@ -38,10 +39,12 @@ Error RenameJob::Execute() {
   }
 }
 
-// Boot variables are not part of this build yet: say so plainly rather
-// than pretend the job ran.
+// An earlier stage may have set up a tagged boot entry for this one boot;
+// taking it away now makes sure it acts only once.
 Error RemoveFakeBootNextJob::Execute() {
-  return Common::MakeError(ERROR_HERE, Common::Codes::NotSupported);
+  std::shared_ptr<Uefi::BootNext> fake;
+  Uefi::GetBootNext(fake, false);
+  return fake->Clear();
 }
 
 Error LoadKernel::Execute() { return Common::MakeError(ERROR_HERE, Common::Codes::NotSupported); }
