@@ -433,8 +433,12 @@ void ExecuteFile(const std::u16string& path) {
   if (EfiFailed(s)) throw WithStatus(ERROR_HERE, EfiRuntimeError, s);
   s = Fw().SetImageDevice(child, Fw().LoaderDeviceHandle());
   if (EfiFailed(s)) throw WithStatus(ERROR_HERE, EfiRuntimeError, s);
+  // StartImage hands back the child's own exit status, and a program that
+  // ran and returned (another copy of this loader returns EFI_LOAD_ERROR
+  // by design) has not failed to start.  Only a refusal of the handle
+  // itself means the image never ran.
   s = Fw().StartImage(child);
-  if (EfiFailed(s)) throw WithStatus(ERROR_HERE, EfiRuntimeError, s);
+  if (s == Status::InvalidParameter) throw WithStatus(ERROR_HERE, EfiRuntimeError, s);
 }
 
 void DeleteFile(const std::u16string& path) {

@@ -87,6 +87,15 @@ TEST_F(MainFlow, RenameJobsThenChainLoad) {
   EXPECT_EQ(std::string(fw.started[0].contents.begin(), fw.started[0].contents.end()), "MZnew");
 }
 
+TEST_F(MainFlow, AChainedProgramThatReturnsIsNoFailure) {
+  disk.Write("EFI/child.efi", "MZchild");
+  fw.startImageStatus = Status::LoadError;  // what a returning loader says
+  const std::string out = Boot(u"\\x.efi", "x.xml", "<C><Chainload Executable='\\EFI\\child.efi'/></C>");
+  EXPECT_EQ(fw.started.size(), 1u);
+  EXPECT_EQ(out.find("Runtime error"), std::string::npos) << out;
+  EXPECT_EQ(fw.stalled100ns, 0u);
+}
+
 TEST_F(MainFlow, ActionsNotInThisBuildSaySo) {
   const std::string out = Boot(u"\\x.efi", "x.xml",
                                "<C><LoadKernel><Kernel Path='\\k'/></LoadKernel></C>");
