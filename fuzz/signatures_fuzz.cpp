@@ -18,9 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The parse on its own reaches the digest scan that a bad signature hides.
   EfiLoader::SignaturesFile parsed;
   if (EfiLoader::ParseSignaturesFile(text, parsed).IsSuccess()) {
-    if (parsed.signedData.size() > text.size()) std::abort();
+    if (parsed.signedData.size() > text.size() || parsed.digestText.size() > text.size()) std::abort();
     buf_ifile<unsigned char> file(data, size);
-    EfiLoader::IsHashValid(file, parsed.digests);
+    EfiLoader::IsHashValid(file, EfiLoader::ReadDigests(parsed));
   }
   return 0;
 }

@@ -124,16 +124,32 @@ Error ParseSignaturesFile(const std::string& text, SignaturesFile& parsed) {
   size_t pos = marker + kMarker.size();
   if (Error e = ConvertToBinary(NextToken(all, pos), result.signature); e.IsError()) return e;
 
+  // The digest scan stops at the end or at a whole marker token, which need
+  // not be the marker that ends the signed data.
+  std::vector<uint8_t> scratch;
   pos = 0;
+  size_t end = 0;
   for (;;) {
     const std::string_view token = NextToken(all, pos);
     if (token.empty() || token == kMarker) break;
-    std::vector<uint8_t> digest;
-    if (Error e = ConvertToBinary(token, digest); e.IsError()) return e;
-    result.digests.push_back(std::move(digest));
+    if (Error e = ConvertToBinary(token, scratch); e.IsError()) return e;
+    end = pos;
   }
+  result.digestText = all.substr(0, end);
   parsed = std::move(result);
   return Error();
+}
+
+DigestList ReadDigests(const SignaturesFile& parsed) {
+  DigestList digests;
+  size_t pos = 0;
+  for (;;) {
+    const std::string_view token = NextToken(parsed.digestText, pos);
+    if (token.empty()) break;
+    digests.emplace_back();
+    ConvertToBinary(token, digests.back());  // checked by the parse
+  }
+  return digests;
 }
 
 Error VerifySignature(KeyKind kind, const uint8_t* key, size_t keyLength, std::string_view data,
@@ -166,8 +182,9 @@ Error LoadChecksums(const std::string& text, DigestList& digests) {
   }
   if (last.IsError()) return MakeError(ERROR_HERE, InvalidFileSignature);
 
-  digests.reserve(digests.size() + parsed.digests.size());
-  for (auto& d : parsed.digests) digests.push_back(std::move(d));
+  DigestList listed = ReadDigests(parsed);
+  digests.reserve(digests.size() + listed.size());
+  for (auto& d : listed) digests.push_back(std::move(d));
   return Error();
 }
 

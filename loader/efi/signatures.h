@@ -40,13 +40,17 @@ bool IsHashValid(i_file& file, const DigestList& digests);
 // read.
 Common::Error ConvertToBinary(std::string_view token, std::vector<uint8_t>& bytes);
 
-// Splits a list into the signed part, its digests and the signature bytes.
+// Splits a list into the signed part, the signature bytes and the text of
+// the digests, every one of them checked as hexadecimal.  The digests are
+// only read out (ReadDigests) once the signature holds, so that a forged
+// list costs no more memory than its own text.
 struct SignaturesFile {
   std::string_view signedData;
-  DigestList digests;
+  std::string_view digestText;
   std::vector<uint8_t> signature;
 };
 Common::Error ParseSignaturesFile(const std::string& text, SignaturesFile& parsed);
+DigestList ReadDigests(const SignaturesFile& parsed);
 
 enum class KeyKind { Rsa, Dsa };
 

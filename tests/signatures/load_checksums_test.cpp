@@ -214,6 +214,20 @@ TEST_F(SignatureLists, MarkerInsideALongerTokenEndsTheSignedDataButNotTheDigests
   ExpectError(ParseSignaturesFile(tail, parsed), kDataIncorrect, "ConvertToBinary");
 }
 
+TEST(ParseSignaturesFile, SplitsSignedTextSignatureAndDigests) {
+  const std::string text = "aa  0B\r\nc\nBeginSignature: 0102z\nBeginSignature: ff";
+  SignaturesFile parsed;
+  ASSERT_TRUE(ParseSignaturesFile(text, parsed).IsSuccess());
+  EXPECT_EQ(parsed.signedData, "aa  0B\r\nc\n");
+  EXPECT_EQ(parsed.signature, (std::vector<uint8_t>{1, 2}));  // the odd "z" is never read
+  // A one-digit token is an empty digest: listed, but it matches nothing.
+  EXPECT_EQ(ReadDigests(parsed), (DigestList{{0xAA}, {0x0B}, {}}));
+
+  ASSERT_TRUE(ParseSignaturesFile("BeginSignature:\n", parsed).IsSuccess());
+  EXPECT_TRUE(parsed.signature.empty());
+  EXPECT_TRUE(ReadDigests(parsed).empty());
+}
+
 TEST_F(SignatureLists, HugeListsAreReadWhole) {
   std::string body;
   const size_t count = 100000;
