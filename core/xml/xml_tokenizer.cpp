@@ -75,8 +75,8 @@ void XmlTokenizer::MarkToken() {
   column = scanColumn_;
 }
 
-int XmlTokenizer::Fail() {
-  MarkToken();
+int XmlTokenizer::Fail(bool atTokenStart) {
+  if (!atTokenStart) MarkToken();
   failed_ = true;
   return kError;
 }
@@ -212,20 +212,29 @@ int XmlTokenizer::ScanContent() {
     }
     if (c == '&') return ScanEntity();
     if (!preserve && IsWhitespace(c)) {
-      TakeWhitespaceRun();
-      if (space == 0) space = 1;
+      TakeBlanks();
       continue;
     }
-    // A text token runs up to markup, an entity or (outside `preserve`) a
-    // blank, and carries the pending blank in front of it.
-    if (space == 1) value.push_back(u' ');
-    space = 0;
-    for (int d = Peek(0); d >= 0 && d != '<' && d != '&' && (preserve || !IsWhitespace(d));
-         d = Peek(0)) {
-      if (!TakeChar()) return Fail();
-    }
-    return kText;
+    return ScanTextRun(-1);
   }
+}
+
+void XmlTokenizer::TakeBlanks() {
+  TakeWhitespaceRun();
+  if (space == 0) space = 1;
+}
+
+int XmlTokenizer::ScanTextRun(int quote) {
+  // A text token runs up to markup, an entity, the closing quote or
+  // (outside `preserve`) a blank, and carries the pending blank in front.
+  if (space == 1) value.push_back(u' ');
+  space = 0;
+  for (int d = Peek(0);
+       d >= 0 && d != '<' && d != '&' && d != quote && (preserve || !IsWhitespace(d));
+       d = Peek(0)) {
+    if (!TakeChar()) return Fail();
+  }
+  return kText;
 }
 
 int XmlTokenizer::ScanTag() {
@@ -275,18 +284,10 @@ int XmlTokenizer::ScanAttribute(char quote) {
     }
     if (c == '&') return ScanEntity();
     if (!preserve && IsWhitespace(c)) {
-      TakeWhitespaceRun();
-      if (space == 0) space = 1;
+      TakeBlanks();
       continue;
     }
-    if (space == 1) value.push_back(u' ');
-    space = 0;
-    for (int d = Peek(0);
-         d >= 0 && d != '<' && d != '&' && d != quote && (preserve || !IsWhitespace(d));
-         d = Peek(0)) {
-      if (!TakeChar()) return Fail();
-    }
-    return kText;
+    return ScanTextRun(quote);
   }
 }
 
@@ -306,11 +307,11 @@ int XmlTokenizer::ScanEntity() {
     for (int d = DigitValue(Peek(0), base); d >= 0; d = DigitValue(Peek(0), base)) {
       // Checked at every digit, so the value never grows past 0x10FFFF*16+15.
       cp = cp * base + static_cast<uint32_t>(d);
-      if (cp > 0x10FFFF) return Fail();
+      if (cp > 0x10FFFF) return Fail(true);
       Advance(1);
       ++digits;
     }
-    if (digits == 0 || Peek(0) != ';') return Fail();
+    if (digits == 0 || Peek(0) != ';') return Fail(true);
     Advance(1);
     Common::AppendUtf16(value, cp);
     return kText;
@@ -325,7 +326,7 @@ int XmlTokenizer::ScanEntity() {
     ref.push_back(static_cast<char>(Peek(0)));
     Advance(1);
   }
-  if (Peek(0) != ';') return Fail();
+  if (Peek(0) != ';') return Fail(true);
   for (const auto& e : kNamed) {
     if (ref == e.name) {
       Advance(1);
@@ -333,7 +334,7 @@ int XmlTokenizer::ScanEntity() {
       return kText;
     }
   }
-  return Fail();
+  return Fail(true);
 }
 
 int XmlTokenizer::ScanCdata() {

@@ -15,3 +15,7 @@
 // than 255 attributes in version 1, nesting beyond kXmlMaxDepth, and trees
 // whose text slots do not match their children.
 Common::Error WriteBinaryXml(const XmlElement& root, int version, std::string& out);
+
+// True when both trees have the same names, attributes, texts and shape.
+// Walks without recursion, so any tree may be compared.
+bool SameXmlTree(const XmlElement& a, const XmlElement& b);

@@ -78,10 +78,14 @@ class XmlTokenizer {
   int ScanDoctype();
 
   int ScanEntity();
+  // `quote` ends the run too; -1 in content.
+  int ScanTextRun(int quote);
   void ScanName();
   // Appends one strictly decoded character to `value`; false on a fault.
   bool TakeChar();
   bool TakeWhitespaceRun();
+  // A whitespace run outside `preserve`: one blank becomes pending.
+  void TakeBlanks();
 
   // The byte `ahead` places after the current position, or -1 when the
   // input ends before it.  Refills the buffer as needed.
@@ -90,7 +94,10 @@ class XmlTokenizer {
   bool Matches(const char* literal);
   void Advance(size_t count);
   void MarkToken();
-  int Fail();
+  // Ends the scan with kError, pointing at the current byte, or with
+  // `atTokenStart` at the beginning of the token (a bad entity is reported
+  // at its "&").
+  int Fail(bool atTokenStart = false);
 
   i_file* stream_;
   bool endOfInput_ = false;

@@ -1,6 +1,8 @@
 #include "xml/bxml_writer.h"
 
 #include <map>
+#include <utility>
+#include <vector>
 
 #include "common/error_codes.h"
 #include "common/text.h"
@@ -122,4 +124,18 @@ Common::Error WriteBinaryXml(const XmlElement& root, int version, std::string& o
   Common::Error err = w.Element(root, 1);
   if (err.IsError()) out.clear();
   return err;
+}
+
+bool SameXmlTree(const XmlElement& a, const XmlElement& b) {
+  std::vector<std::pair<const XmlElement*, const XmlElement*>> pending{{&a, &b}};
+  while (!pending.empty()) {
+    const auto [x, y] = pending.back();
+    pending.pop_back();
+    if (x->name != y->name || x->attributes != y->attributes || x->texts != y->texts ||
+        x->children.size() != y->children.size())
+      return false;
+    for (size_t i = 0; i < x->children.size(); ++i)
+      pending.emplace_back(x->children[i].get(), y->children[i].get());
+  }
+  return true;
 }
