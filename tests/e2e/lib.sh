@@ -88,7 +88,11 @@ e2e_init() {
   e2e_require qemu-system-x86_64 mkfs.fat mmd mcopy timeout sed grep
   [ -f "$EFI_IMAGE" ] || e2e_fail "no loader image at $EFI_IMAGE (run 'make efi')"
   [ -f "$E2E_OVMF_DIR/OVMF_CODE_4M.fd" ] || e2e_fail "no OVMF in $E2E_OVMF_DIR (run scripts/setup.sh)"
-  E2E_WORK=$(mktemp -d "${TMPDIR:-/tmp}/e2e.XXXXXX")
+  # Under the build tree when run by ctest: a sweep of /tmp by anything else
+  # on the machine cannot pull the console log away from a running test.
+  local base=${TMPDIR:-/tmp}
+  if [ -n "${BUILD_DIR:-}" ]; then base=$BUILD_DIR/e2e-work; mkdir -p "$base"; fi
+  E2E_WORK=$(mktemp -d "$base/e2e.XXXXXX")
   trap e2e_cleanup EXIT
   trap 'exit 130' INT TERM
 }
