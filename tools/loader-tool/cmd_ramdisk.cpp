@@ -105,10 +105,10 @@ int Append(int argc, char** argv) {
       level = std::atoi(argv[++i]);
       if (level < 0 || level > 9) return Usage();
     } else if (arg == "--add" && i + 1 < argc) {
-      const std::string spec = argv[++i];
-      const size_t eq = spec.find('=');
-      if (eq == std::string::npos || eq == 0 || eq + 1 == spec.size()) return Usage();
-      additions.emplace_back(spec.substr(0, eq), spec.substr(eq + 1));
+      const std::string addition = argv[++i];
+      const size_t eq = addition.find('=');
+      if (eq == std::string::npos || eq == 0 || eq + 1 == addition.size()) return Usage();
+      additions.emplace_back(addition.substr(0, eq), addition.substr(eq + 1));
     } else {
       return Usage();
     }
