@@ -445,6 +445,8 @@ void FileSystemDriver::ReadNoCache(void* buffer, uint64_t sector, uint64_t count
   }
   const uint64_t tailFirst = tailStart > sector ? tailStart : sector;
   SectorBufferRef tail = GetBuffer(tailStart, clusterSectors);
+  // A buffer found at that sector may be shorter than a cluster.
+  if (last - tailStart + 1 > tail.SectorCount()) throw OutsideVolume(ERROR_HERE);
   std::memcpy(out + head * sectorSize_, tail.Data() + (tailFirst - tailStart) * sectorSize_,
               size_t((last - tailFirst + 1) * sectorSize_));
 }

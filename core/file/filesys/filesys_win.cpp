@@ -76,10 +76,14 @@ rio_dir* FileSystemDriverWindows::OpenDirReference(const std::u16string& path) {
 FileSystemDriver::DirHold FileSystemDriverWindows::GetDirectoryByPath(const std::u16string& path) {
   if (path.empty() || path[0] != u'C') THROW_ERROR(OpenError);
   if (path.size() <= 3) return GetDirectoryObject(u"/");
-  std::u16string internal = path.substr(2);
-  while (!internal.empty() && internal.back() == u'\\') internal.pop_back();
-  for (char16_t& c : internal)
-    if (c == u'\\') c = u'/';
-  if (internal.empty()) internal = u"/";
+  // "C:\A\B\" becomes "/A/B".
+  std::u16string internal(1, u'/');
+  size_t end = path.size();
+  while (end > 2 && path[end - 1] == u'\\') --end;
+  for (size_t i = 2; i < end; ++i) {
+    const char16_t c = path[i] == u'\\' ? u'/' : path[i];
+    if (c == u'/' && internal.back() == u'/') continue;
+    internal.push_back(c);
+  }
   return GetDirectoryObject(internal);
 }
