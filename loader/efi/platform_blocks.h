@@ -58,4 +58,7 @@ class FirmwareBlocks {
   virtual UnicodeCollation* Collation() { return nullptr; }
 };
 
+// The real firmware's face; only the firmware image defines it.
+FirmwareBlocks* RealBlocks();
+
 }  // namespace EfiLoader
