@@ -41,20 +41,25 @@ HostTree SampleTree(size_t clusterBytes) {
   return t;
 }
 
-class FatImages : public ::testing::TestWithParam<FatLayout> {};
+class FatImages : public ::testing::TestWithParam<FatLayout> {
+ protected:
+  size_t ClusterBytes() const { return size_t(GetParam().clusterSectors) * GetParam().sectorSize; }
+  // A volume of the layout holding `tree`, mounted.
+  std::unique_ptr<rio_dir> Volume(const HostTree& tree) {
+    const std::string image = dir_ / "fat.img";
+    if (!MakeFat(image, GetParam())) return nullptr;
+    WriteTree(dir_ / "src", tree);
+    if (!CopyTree(image, dir_ / "src")) return nullptr;
+    return MountImage(image, uint32_t(GetParam().sectorSize));
+  }
+  TempDir dir_;
+};
 
 }  // namespace
 
 TEST_P(FatImages, EveryFileAndDirectoryReadsBackExactly) {
-  const FatLayout l = GetParam();
-  TempDir dir;
-  const std::string image = dir / "fat.img";
-  ASSERT_TRUE(MakeFat(image, l));
-  const HostTree source = SampleTree(size_t(l.clusterSectors) * l.sectorSize);
-  WriteTree(dir / "src", source);
-  ASSERT_TRUE(CopyTree(image, dir / "src"));
-
-  std::unique_ptr<rio_dir> root = MountImage(image, uint32_t(l.sectorSize));
+  const HostTree source = SampleTree(ClusterBytes());
+  std::unique_ptr<rio_dir> root = Volume(source);
   ASSERT_NE(root, nullptr);
   HostTree back;
   ReadBack(*root, "", back);
@@ -68,13 +73,7 @@ TEST_P(FatImages, EveryFileAndDirectoryReadsBackExactly) {
 }
 
 TEST_P(FatImages, FilesAreFoundByLongNameShortNameAndAnyCase) {
-  const FatLayout l = GetParam();
-  TempDir dir;
-  const std::string image = dir / "fat.img";
-  ASSERT_TRUE(MakeFat(image, l));
-  WriteTree(dir / "src", SampleTree(size_t(l.clusterSectors) * l.sectorSize));
-  ASSERT_TRUE(CopyTree(image, dir / "src"));
-  std::unique_ptr<rio_dir> root = MountImage(image, uint32_t(l.sectorSize));
+  std::unique_ptr<rio_dir> root = Volume(SampleTree(ClusterBytes()));
   ASSERT_NE(root, nullptr);
 
   struct Row {
@@ -111,13 +110,7 @@ TEST_P(FatImages, FilesAreFoundByLongNameShortNameAndAnyCase) {
 }
 
 TEST_P(FatImages, DirectoriesAreReachedByEitherSeparatorAndTheDriveForms) {
-  const FatLayout l = GetParam();
-  TempDir dir;
-  const std::string image = dir / "fat.img";
-  ASSERT_TRUE(MakeFat(image, l));
-  WriteTree(dir / "src", SampleTree(size_t(l.clusterSectors) * l.sectorSize));
-  ASSERT_TRUE(CopyTree(image, dir / "src"));
-  std::unique_ptr<rio_dir> root = MountImage(image, uint32_t(l.sectorSize));
+  std::unique_ptr<rio_dir> root = Volume(SampleTree(ClusterBytes()));
   ASSERT_NE(root, nullptr);
 
   EXPECT_EQ(root->GetPath(), u"C:\\");
@@ -150,7 +143,7 @@ TEST_P(FatImages, DirectoriesAreReachedByEitherSeparatorAndTheDriveForms) {
   EXPECT_EQ(std::u16string(path), u"bottom file.txt");
   std::unique_ptr<rio_file> f(parent->OpenForWrite(path, false));
   ASSERT_NE(f, nullptr);
-  EXPECT_EQ(ReadAll(*f), Pattern(size_t(l.clusterSectors) * l.sectorSize / 2 + 17, 11));
+  EXPECT_EQ(ReadAll(*f), Pattern(ClusterBytes() / 2 + 17, 11));
   // While the loader holds it, nobody else opens it.
   EXPECT_EQ(parent->Open(path, true), nullptr);
   EXPECT_EQ(parent->TakeError().Code(), OpenError);
@@ -284,13 +277,8 @@ TEST_P(FatImages, TheVolumeReportsItsTypeLabelAndSizes) {
 }
 
 TEST_P(FatImages, IdentifiersOfEntriesOpenAndOrderThem) {
-  const FatLayout l = GetParam();
-  TempDir dir;
-  const std::string image = dir / "fat.img";
-  ASSERT_TRUE(MakeFat(image, l));
-  WriteTree(dir / "src", {{"SUB/", ""}, {"SUB/IN.TXT", "inner"}, {"alpha.txt", "a"}, {"beta with long name.txt", "b"}});
-  ASSERT_TRUE(CopyTree(image, dir / "src"));
-  std::unique_ptr<rio_dir> root = MountImage(image, uint32_t(l.sectorSize));
+  std::unique_ptr<rio_dir> root =
+      Volume({{"SUB/", ""}, {"SUB/IN.TXT", "inner"}, {"alpha.txt", "a"}, {"beta with long name.txt", "b"}});
   ASSERT_NE(root, nullptr);
   std::unique_ptr<i_dir::iterator> a(root->GetIterator(u"alpha.txt"));
   std::unique_ptr<i_dir::iterator> b(root->GetIterator(u"beta with long name.txt"));

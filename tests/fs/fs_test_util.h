@@ -20,38 +20,14 @@
 
 #include "fdisk/ver2/simpdisk.h"
 #include "file/dir.h"
+#include "file/external_tools.h"
 #include "test_util.h"
 
 namespace fs_test {
 
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/fs-test-XXXXXX";
-    const char* p = mkdtemp(tmpl);
-    path_ = p ? p : "";
-  }
-  ~TempDir() {
-    if (!path_.empty() && std::system(("rm -rf '" + path_ + "'").c_str()) != 0)
-      ADD_FAILURE() << "cannot remove " << path_;
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& Path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
-
-inline void WriteFile(const std::string& path, const std::string& data) {
-  std::ofstream(path, std::ios::binary).write(data.data(), std::streamsize(data.size()));
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+using test_util::ReadFile;
+using test_util::TempDir;
+using test_util::WriteFile;
 
 // Runs a shell command; false (with the command in the test's log) when it
 // fails.
