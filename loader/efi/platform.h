@@ -114,6 +114,9 @@ class Firmware {
   virtual void SetCursorPosition(uint64_t column, uint64_t row) = 0;
   virtual void CursorPosition(int32_t& column, int32_t& row) = 0;
   virtual void EnableCursor(bool visible) = 0;
+  // The console output's mode record: the cursor's row and whether the
+  // cursor is shown.  False when there is no output or no record.
+  virtual bool CursorState(int32_t& row, bool& visible) { return false; }
 
   // --- console input and timed waits
   virtual bool HasConsoleInput() = 0;

@@ -50,6 +50,7 @@ class SimFirmware : public Firmware {
   std::vector<uint8_t> loaderFilePath;  // device path bytes of the loaded image
   bool consoleInput = true;
   uint64_t columns = 80, rows = 25;
+  bool modeRecord = true;          // the console output has a mode record
   std::deque<ScriptedKey> keys;
   std::map<std::pair<std::u16string, std::string>, Variable> variables;
   // What StartImage returns; a callback may act as the started program.
@@ -85,6 +86,12 @@ class SimFirmware : public Firmware {
   void SetCursorPosition(uint64_t column, uint64_t row) override;
   void CursorPosition(int32_t& column, int32_t& row) override;
   void EnableCursor(bool visible) override { cursorVisible_ = visible; }
+  bool CursorState(int32_t& row, bool& visible) override {
+    row = cursorRow_;
+    visible = cursorVisible_;
+    return modeRecord;
+  }
+  bool CursorVisible() const { return cursorVisible_; }
   bool HasConsoleInput() override { return consoleInput; }
   EfiStatus ConInReset(bool) override;
   EfiStatus ReadKeyStroke(InputKey& key) override;

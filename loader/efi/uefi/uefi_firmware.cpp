@@ -5,10 +5,15 @@
 #include <memory>
 
 #include "efi/platform.h"
-#include "efi/platform_blocks.h"
 #include "platform.h"
 
 namespace EfiLoader {
+
+// The further faces, each in its own file.
+FirmwareMemory* RealMemory();
+FirmwareVideo* RealVideo();
+FirmwarePci* RealPci();
+
 namespace {
 
 EFI_BOOT_SERVICES* BS() { return Uefi::BootServices(); }
@@ -202,6 +207,13 @@ class UefiFirmware final : public Firmware {
   void EnableCursor(bool visible) override {
     ST()->ConOut->EnableCursor(ST()->ConOut, visible ? TRUE : FALSE);
   }
+  bool CursorState(int32_t& row, bool& visible) override {
+    SIMPLE_TEXT_OUTPUT_INTERFACE* out = ST()->ConOut;
+    if (!out || !out->Mode) return false;
+    row = out->Mode->CursorRow;
+    visible = out->Mode->CursorVisible;
+    return true;
+  }
 
   bool HasConsoleInput() override { return ST()->ConIn != nullptr; }
   EfiStatus ConInReset(bool extended) override {
@@ -354,7 +366,10 @@ class UefiFirmware final : public Firmware {
     UINTN exitDataSize = 0;
     return BS()->StartImage(image, &exitDataSize, nullptr);
   }
-  FirmwareBlocks* Blocks() override { return RealBlocks(); }
+
+  FirmwareMemory* Memory() override { return RealMemory(); }
+  FirmwareVideo* Video() override { return RealVideo(); }
+  FirmwarePci* Pci() override { return RealPci(); }
 };
 
 }  // namespace
