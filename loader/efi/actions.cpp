@@ -47,6 +47,4 @@ Error RemoveFakeBootNextJob::Execute() {
   return fake->Clear();
 }
 
-Error LoadKernel::Execute() { return Common::MakeError(ERROR_HERE, Common::Codes::NotSupported); }
-
 }  // namespace EfiLoader

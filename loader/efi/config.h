@@ -7,13 +7,19 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "common/error.h"
+#include "common/text.h"
 #include "file/file.h"
 
 class XmlElement;
+template <typename T>
+class buf_ifile;
 
 namespace EfiLoader {
+
+class PageAlignedMemory;
 
 class Action {
  public:
@@ -51,6 +57,22 @@ class LoadKernel : public Action {
   Common::Error Init() override;
   Common::Error Execute() override;
   const std::string& Arguments() const { return arguments; }
+
+  // One file: a partition's unique GUID (all zero: the loader's own
+  // device) and a path.
+  struct FileRef {
+    Common::GUID guid{};
+    std::u16string path;
+  };
+  using FileStreams = std::vector<std::shared_ptr<buf_ifile<unsigned char>>>;
+
+  std::shared_ptr<ri_file> GetFile(const FileRef& file);
+  // Every file of the children called `name`, read into one block that
+  // `memory` receives, packed one behind the other.
+  FileStreams ReadFiles(const char* name, PageAlignedMemory& memory);
+  // The same for exactly one file.
+  std::shared_ptr<buf_ifile<unsigned char>> GetSingleConfigFile(const char* name,
+                                                                PageAlignedMemory& memory);
 
  protected:
   std::string arguments;

@@ -96,10 +96,12 @@ TEST_F(MainFlow, AChainedProgramThatReturnsIsNoFailure) {
   EXPECT_EQ(fw.stalled100ns, 0u);
 }
 
-TEST_F(MainFlow, ActionsNotInThisBuildSaySo) {
+TEST_F(MainFlow, FailedActionIsReported) {
   const std::string out = Boot(u"\\x.efi", "x.xml",
                                "<C><LoadKernel><Kernel Path='\\k'/></LoadKernel></C>");
-  EXPECT_NE(out.find("Error 0x4000e: The operation is not supported."), std::string::npos);
+  EXPECT_NE(out.find("Runtime error:\nError 0x40007: Error occurred while opening the file."),
+            std::string::npos) << out;
+  EXPECT_EQ(fw.stalled100ns, kTenSeconds);
 }
 
 // ------------------------------------------------------------ menu
