@@ -362,6 +362,17 @@ TEST_P(FatChains, DamagedLongNamesFallBackToTheShortName) {
   EXPECT_EQ(it->ShortName(), nullptr);
   EXPECT_EQ(root->Open(u"with a long name.txt", true), nullptr);
   EXPECT_EQ(root->TakeError().Code(), FileNotFound);
+
+  // A long name that ends before its first character names nothing.
+  FatImage empty(GetParam(), Files(ClusterBytes()));
+  Fat::DirEntry* entry = empty.Entry("WITHAL~1TXT");
+  for (Fat::DirEntry* e = entry - 1; e->attributes == Fat::kAttrLongName; --e) {
+    auto* lfn = reinterpret_cast<Fat::LongNameEntry*>(e);
+    if ((lfn->sequence & 0x3F) == 1) lfn->name1[0] = Fat::LongNameEntry{}.name1[0];
+  }
+  root = empty.Mount();
+  std::unique_ptr<i_dir::iterator> shortOnly(root->GetIterator(u"WITHAL~1.TXT"));
+  EXPECT_EQ(shortOnly->FileName(), u"WITHAL~1.TXT");
 }
 
 TEST_P(FatChains, AnEmptyFileHasNoClusterAndReadsNothing) {

@@ -199,6 +199,8 @@ unsigned FATDriver::FATDirectory::GetLongName(uint32_t index, std::u16string& na
     if (e->sequence & Fat::kLastLongPart) {
       const size_t zero = collected.find(char16_t(0));
       name = zero == std::u16string::npos ? collected : collected.substr(0, zero);
+      // An empty long name names nothing: the short name stands.
+      if (name.empty()) return 0;
       return s;
     }
     if (s + 1 > Fat::kMaxLongNameParts || s + 1 > index) return 0;
