@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "efi/platform.h"
+#include "efi/platform_blocks.h"
 #include "platform.h"
 
 namespace EfiLoader {
@@ -366,6 +367,7 @@ class UefiFirmware final : public Firmware {
     UINTN exitDataSize = 0;
     return BS()->StartImage(image, &exitDataSize, nullptr);
   }
+  FirmwareBlocks* Blocks() override { return RealBlocks(); }
 
   FirmwareMemory* Memory() override { return RealMemory(); }
   FirmwareVideo* Video() override { return RealVideo(); }
