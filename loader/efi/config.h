@@ -11,6 +11,7 @@
 
 #include "common/error.h"
 #include "common/text.h"
+#include "efi/volumes.h"
 #include "file/file.h"
 
 class XmlElement;
@@ -76,6 +77,8 @@ class LoadKernel : public Action {
 
  protected:
   std::string arguments;
+  // Partitions mounted by this action; they stay mounted for its life.
+  Volumes volumes;
 };
 
 class Entry {

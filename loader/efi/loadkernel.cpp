@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "common/error_codes.h"
-#include "common/format_message.h"
 #include "efi/config.h"
 #include "efi/console.h"
 #include "efi/file.h"
@@ -135,18 +134,12 @@ void VerifyContents(ri_file& kernel, const LoadKernel::FileStreams& ramdisks,
   }
 }
 
-// Files of other partitions are the volume layer's business.
-std::shared_ptr<ri_file> OpenPartitionFile(const Common::GUID& guid, const std::u16string& path) {
-  Fdisk::FormatMessage text(Common::StandardErrorText(CannotGetFileFromPartition));
-  text.Add(path).Add(Common::GuidToText(guid));
-  throw Error(ERROR_HERE, CannotGetFileFromPartition, text.Text())
-      .WithCause(Common::MakeError(ERROR_HERE, FailedToOpenVolumeByGuid));
-}
-
 }  // namespace
 
 std::shared_ptr<ri_file> LoadKernel::GetFile(const FileRef& file) {
-  if (!file.guid.IsZero()) return OpenPartitionFile(file.guid, file.path);
+  // Files of other partitions go to the volume layer, which mounts each
+  // partition once for this action; their paths reach the driver as given.
+  if (!file.guid.IsZero()) return volumes.GetFile(file.guid, file.path);
   // The firmware's file system wants backslashes.
   std::u16string path = file.path;
   for (char16_t& c : path)

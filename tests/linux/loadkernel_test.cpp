@@ -5,8 +5,10 @@
 #include <openssl/sha.h>
 
 #include "../file/external_tools.h"
+#include "../fs/fat_test_util.h"
 #include "../ramdisk/cpio_builder.h"
 #include "../signatures/signing.h"
+#include "efi/host_only/sim_blocks.h"
 #include "efi/main.h"
 #include "linux_fixture.h"
 #include "test_util.h"
@@ -330,6 +332,61 @@ TEST_F(SecureBootRoad, OnlyAnEnforcingFirmwareChecks) {
   const uint8_t setup = 1;
   fw.SetVariable(u"SetupMode", kGlobalVariableGuid, 6, &setup, 1);
   EXPECT_EQ(Outcome(kTwoRamdisks), "booted") << "setup mode enforces nothing";
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- partitions
+
+namespace {
+
+constexpr char kPartition[] = "5B1D93A2-0C47-4E34-9C3F-2D8E6A7B1C40";
+
+// Kernel and RAM disks on a FAT partition of a GPT disk made by mkfs.fat
+// and sgdisk; the loader's own device holds only its configuration.
+class PartitionBoot : public LoadKernelTest {
+ protected:
+  void SetUp() override {
+    const std::string part = scratch / "part.img", image = scratch / "disk.img";
+    ASSERT_TRUE(fs_test::MakeFat(part, fs_test::FatLayout{16, 4, 512, 16384}));
+    fs_test::WriteTree(scratch / "src", {{"boot/", ""},
+                                         {"boot/vmlinuz", kernel},
+                                         {"boot/initrd.img", initrd},
+                                         {"boot/more.img", more}});
+    ASSERT_TRUE(fs_test::CopyTree(part, scratch / "src"));
+    ASSERT_TRUE(fs_test::Run("truncate -s 24M '" + image + "' && sgdisk -n 1:2048:+16M -u 1:" +
+                             kPartition + " '" + image + "' && dd if='" + part + "' of='" + image +
+                             "' bs=512 seek=2048 conv=notrunc"));
+    ASSERT_TRUE(blocks.AddDiskImage(image).IsSuccess());
+    fw.blocks = &blocks;
+  }
+
+  test_util::TempDir scratch;
+  Sim::SimBlocks blocks;
+  const std::string initrd = fs_test::Pattern(70000, 3), more = "second";
+};
+
+TEST_F(PartitionBoot, KernelAndRamdisksFromOnePartitionMountedOnce) {
+  const std::string out =
+      Run(std::string("<LoadKernel><GPT Guid='") + kPartition + "'/>"
+          "<Kernel Path='/boot/vmlinuz' Arguments='root=/dev/sda1'/>"
+          "<Ramdisk Path='\\BOOT\\initrd.img'/><Ramdisk Path='/boot/more.img'/></LoadKernel>");
+  ASSERT_TRUE(started) << out;
+  EXPECT_EQ(RamdiskGiven(), initrd + more);
+  EXPECT_EQ(memory.At(memory.start.entry)[0], linux_test::BodyByte(0));
+  // Three files, one mount: the partition's Block I/O was opened once.
+  ASSERT_EQ(blocks.devices.size(), 2u);
+  EXPECT_EQ(blocks.devices[1]->opensTotal, 1);
+}
+
+TEST_F(PartitionBoot, MissingFileNamesPathAndPartition) {
+  const std::string out = Run(std::string("<LoadKernel><GPT Guid='") + kPartition + "'/>"
+                              "<Kernel Path='/boot/none'/></LoadKernel>");
+  EXPECT_FALSE(started);
+  EXPECT_NE(out.find(std::string("Runtime error:\nError 0x1480008: Cannot get file \"/boot/none\" "
+                                 "from the partition with GUID ") + kPartition + "."),
+            std::string::npos) << out;
+  EXPECT_NE(out.find("| error 0x148001a: Failed to open the file."), std::string::npos) << out;
 }
 
 }  // namespace
