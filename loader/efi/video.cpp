@@ -278,6 +278,7 @@ uint64_t FieldMask(uint32_t size, uint32_t position) {
 // The first screen line in one of the four layouts the test colours can
 // take; false if `line` shows none of them.
 bool MatchTestLine(const uint8_t* line, uint32_t width, ScreenInfo& info) {
+  if (width == 0) return false;  // an empty line matches every form
   const uint64_t groups = static_cast<uint64_t>(width) * 3 / 12;
   auto repeated = [&](uint8_t a, uint8_t b, uint8_t c) {
     if (groups == 0) return false;  // nothing to compare is no match

@@ -449,6 +449,12 @@ TEST_F(HiddenFrameBuffer, DrawnLineThatShowsNowhereIsAnUnsupportedFormat) {
   EXPECT_EQ(i.lfb_base, 0u);
   EXPECT_EQ(ThrownCode([&] { PciDetectFbBegin(uga, i); }), 0x1480007u);
   EXPECT_GT(video.memoryReads, 0u);
+
+  // A line of no pixels holds no test colour in any form.
+  video.uga.fb.address = 0xD0000000;
+  ScreenInfo empty{};
+  empty.lfb_height = 768;
+  EXPECT_EQ(ThrownCode([&] { PciDetectFbBegin(uga, empty); }), 0x1480007u);
 }
 
 TEST_F(VideoTest, BothObjectsFailingLeavesTheBlockZeroAfterTenSeconds) {
