@@ -12,6 +12,12 @@ namespace EfiLoader {
 
 using namespace Common::Codes;
 
+// The causes made by the helpers below belong to GetFile: a report names the
+// function the user's action went through, not how it is split up here.
+#define GET_FILE_HERE                                                            \
+  (::Common::ErrorLocation{::Common::SourceFileCode(__FILE__) + __LINE__, __FILE__, \
+                           "GetFile", static_cast<uint32_t>(__LINE__)})
+
 bool GuidOrder::operator()(const Common::GUID& a, const Common::GUID& b) const {
   if (a.Data1 != b.Data1) return a.Data1 < b.Data1;
   if (a.Data2 != b.Data2) return a.Data2 < b.Data2;
@@ -26,7 +32,7 @@ Common::Error OpenFileOnVolume(rio_dir& root, const std::u16string& path,
   file.reset();
   const char16_t* name = path.c_str();
   std::unique_ptr<rio_dir> dir(root.OpenPath(name));
-  if (!dir) return Common::MakeError(ERROR_HERE, FailedToOpenDirectory).WithCause(root.TakeError());
+  if (!dir) return Common::MakeError(GET_FILE_HERE, FailedToOpenDirectory).WithCause(root.TakeError());
   std::unique_ptr<rio_file> opened;
   Common::Error cause;
   try {
@@ -35,7 +41,7 @@ Common::Error OpenFileOnVolume(rio_dir& root, const std::u16string& path,
   } catch (const Common::Error& e) {
     cause = e;
   }
-  if (!opened) return Common::MakeError(ERROR_HERE, FailedToOpenFile).WithCause(cause);
+  if (!opened) return Common::MakeError(GET_FILE_HERE, FailedToOpenFile).WithCause(cause);
   file = std::shared_ptr<ri_file>(std::move(opened));
   return Common::Error();
 }
@@ -51,9 +57,9 @@ Common::Error Volumes::OpenRoot(const Common::GUID& guid, std::shared_ptr<rio_di
   if (FirmwareBlocks* blocks = Fw().Blocks()) SetUnicodeCollation(blocks->Collation());
   std::unique_ptr<Fdisk::SimpleDisk> disk;
   Common::Error e = Fdisk::OpenVolumeByGuid(guid, disk);
-  if (e.IsError() || !disk) return Common::MakeError(ERROR_HERE, FailedToOpenVolumeByGuid).WithCause(e);
+  if (e.IsError() || !disk) return Common::MakeError(GET_FILE_HERE, FailedToOpenVolumeByGuid).WithCause(e);
   std::unique_ptr<rio_dir> mounted(Mount(kDetectAll, disk));
-  if (!mounted) return Common::MakeError(ERROR_HERE, MountFailed);
+  if (!mounted) return Common::MakeError(GET_FILE_HERE, MountFailed);
   root = std::shared_ptr<rio_dir>(std::move(mounted));
   volumes_.emplace(guid, root);
   return Common::Error();

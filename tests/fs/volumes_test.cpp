@@ -144,10 +144,13 @@ TEST_F(PartitionRoad, EachFailureIsReportedWithTheLoadersTextsAndCauses) {
             "Cannot get file \"/boot/vmlinuz\" from the partition with GUID 5B1D93A2-0C47-4E34-9C3F-2D8E6A7B1C41.");
   EXPECT_EQ(e.Cause().Code(), FailedToOpenVolumeByGuid);
   EXPECT_EQ(test_util::Narrow(e.Cause().Message()), "Failed to open the volume by GUID.");
+  EXPECT_STREQ(e.Function(), "GetFile");
+  EXPECT_STREQ(e.Cause().Function(), "GetFile");
   EXPECT_EQ(e.Cause().Cause().Code(), 0x10D00Eu);  // "Failed to find."
 
   e = Failure(volumes, empty_, u"/boot/vmlinuz");
   EXPECT_EQ(e.Cause().Code(), MountFailed);
+  EXPECT_STREQ(e.Cause().Function(), "GetFile");
   EXPECT_EQ(test_util::Narrow(e.Cause().Message()), "Failed to mount the partition.");
 
   e = Failure(volumes, boot_, u"/boot/missing");

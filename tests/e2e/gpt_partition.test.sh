@@ -1,0 +1,117 @@
+#!/usr/bin/env bash
+# Debian's real kernel booted from a partition named by its GPT unique GUID.
+# A second virtual disk, partitioned by sgdisk, holds two FAT partitions
+# with the same paths: a decoy (FAT16, first) and the target (FAT32,
+# second).  Only the target's files may reach the guest, so a loader that
+# takes the wrong partition, or the first one it finds, fails here.
+# Then a GUID that no partition carries: the exact report, its cause
+# "Failed to open the volume by GUID.", the pause and the return.
+set -uo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+source "$(dirname "${BASH_SOURCE[0]}")/linux_guest.sh"
+e2e_init
+e2e_require sgdisk mkfs.fat mcopy gzip xz cpio dd
+linux_guest_prepare
+
+decoy_guid=0B6A4C1E-5D27-4F08-9E3C-1A2B3C4D5E6F
+target_guid=7D3F2A91-C4E8-4B6D-A05F-98E1D2C3B4A5
+missing_guid=7D3F2A91-C4E8-4B6D-A05F-98E1D2C3B4A6
+
+# Two RAM disks, as on the loader's own device: gzip, then xz behind it.
+ramdisks() {
+  local dir=$1 who=$2
+  mkdir -p "$dir"
+  linux_guest_base_cpio "$dir/base.cpio" "part.txt=read from the $who partition"
+  gzip -9 -c "$dir/base.cpio" >"$dir/initrd.gz"
+  linux_guest_files_cpio "$dir/extra.cpio" "second.txt=second RAM disk of the $who partition"
+  xz --check=crc32 -c "$dir/extra.cpio" >"$dir/extra.xz"
+}
+ramdisks "$E2E_WORK/decoy" decoy
+ramdisks "$E2E_WORK/target" target
+
+# fat_partition IMAGE MiB FATBITS DIR: a partition's file system, made apart
+# and written into the disk afterwards; mtools never sees the disk itself.
+fat_partition() {
+  local image=$1 size=$2 bits=$3 dir=$4
+  rm -f "$image"
+  mkfs.fat -C -F "$bits" -n RESCUE "$image" $((size * 1024)) >/dev/null || e2e_fail "mkfs.fat failed"
+  mmd -i "$image" ::/boot ::/boot/Images </dev/null || e2e_fail "mmd failed"
+  mcopy -i "$image" "$LINUX_KERNEL" "::/boot/Images/Kernel Image.bin" </dev/null &&
+    mcopy -i "$image" "$dir/initrd.gz" ::/boot/initrd.gz </dev/null &&
+    mcopy -i "$image" "$dir/extra.xz" "::/boot/Images/extra ramdisk.xz" </dev/null ||
+    e2e_fail "mcopy failed"
+}
+fat_partition "$E2E_WORK/decoy.fat" 20 16 "$E2E_WORK/decoy"
+fat_partition "$E2E_WORK/target.fat" 40 32 "$E2E_WORK/target"
+
+disk=$E2E_WORK/disk.img
+rm -f "$disk"
+truncate -s 64M "$disk"
+sgdisk -o \
+  -n 1:2048:+20M -t 1:0700 -c 1:decoy -u "1:$decoy_guid" \
+  -n 2:0:+40M -t 2:0700 -c 2:rescue -u "2:$target_guid" "$disk" >/dev/null ||
+  e2e_fail "sgdisk failed"
+first_sector() { sgdisk -i "$1" "$disk" | awk '/^First sector:/ { print $3 }'; }
+dd if="$E2E_WORK/decoy.fat" of="$disk" bs=512 seek="$(first_sector 1)" conv=notrunc status=none &&
+  dd if="$E2E_WORK/target.fat" of="$disk" bs=512 seek="$(first_sector 2)" conv=notrunc status=none ||
+  e2e_fail "dd failed"
+sgdisk -v "$disk" | grep -q "No problems found" || e2e_fail "the test disk's GPT is not sound"
+
+# The configuration spells the target's GUID in lower case: the braces-free
+# text form is read without regard to case.  Both path flavours are used.
+cat >"$E2E_WORK/boot.xml" <<XML
+<Config>
+  <Menu>
+    <Topic Text="Rescue media"/>
+    <Entry Key="1" Text="1: Linux from the rescue partition">
+      <LoadKernel>
+        <Loading Text="Loading from the partition..."/>
+        <GPT Guid="${target_guid,,}"/>
+        <Kernel Path="\\boot\\Images\\Kernel Image.bin" Arguments="console=ttyS0 marker=gpt"/>
+        <Ramdisk Path="/boot/initrd.gz"/>
+        <Ramdisk Path="/boot/Images/extra ramdisk.xz"/>
+      </LoadKernel>
+    </Entry>
+    <Entry Key="2" Text="2: Linux from a partition that is not there">
+      <LoadKernel>
+        <GPT Guid="$missing_guid"/>
+        <Kernel Path="\\boot\\Images\\Kernel Image.bin" Arguments="console=ttyS0"/>
+      </LoadKernel>
+    </Entry>
+  </Menu>
+</Config>
+XML
+e2e_make_esp "$E2E_WORK/esp.img" "$E2E_WORK/boot.xml=/EFI/BOOT/BOOTX64.xml"
+
+guest() { e2e_since_mark | grep -F "GUEST: $1" >/dev/null || e2e_fail "the guest did not report '$1'"; }
+
+e2e_note "case: kernel and RAM disks from the partition named by GUID"
+e2e_boot --disk "$E2E_WORK/esp.img" --disk "$disk"
+e2e_expect "2: Linux from a partition that is not there" 90
+e2e_send 1
+e2e_expect "Loading from the partition..." 30
+e2e_expect "Loading protected mode kernel..." 60
+e2e_expect "GUEST: done" 120
+e2e_wait_exit 30
+e2e_expect_absent "Runtime error"
+guest "cmdline=[console=ttyS0 marker=gpt]"
+guest "ramdisk file /rd/part.txt: read from the target partition"
+guest "ramdisk file /rd/second.txt: second RAM disk of the target partition"
+e2e_expect_absent "decoy"
+e2e_stop
+
+e2e_note "case: no partition carries the GUID"
+e2e_boot --disk "$E2E_WORK/esp.img" --disk "$disk"
+e2e_expect "2: Linux from a partition that is not there" 90
+e2e_send 2
+e2e_expect "Runtime error:" 30
+head="Error 0x1480008: Cannot get file \"\\boot\\Images\\Kernel Image.bin\" from the partition with GUID $missing_guid."
+e2e_console | grep -A1 -F "Runtime error:" | tail -n 1 | grep -qxF -- "$head" ||
+  e2e_fail "the report's head line is not '$head'"
+e2e_expect "| error 0x1480018: Failed to open the volume by GUID." 10
+e2e_expect "| \$module: kelvorn_efia64_236" 10
+before=$SECONDS
+e2e_expect_return 40
+[ $((SECONDS - before)) -ge 8 ] || e2e_fail "no 10 s pause before the return"
+e2e_expect_absent "Loading protected mode kernel..."
+e2e_pass
