@@ -1,8 +1,13 @@
 // Small helpers shared by the unit tests.
 #pragma once
 
+#include <stdlib.h>
+#include <sys/stat.h>
+
 #include <cstdint>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -49,5 +54,41 @@ inline uint32_t ThrownCode(const std::function<void()>& fn) {
 }
 
 inline std::vector<uint8_t> Bytes(const std::string& s) { return {s.begin(), s.end()}; }
+
+// A scratch directory removed with its contents at the end of the scope.
+class TempDir {
+ public:
+  TempDir() {
+    char tmpl[] = "/tmp/loader-test-XXXXXX";
+    const char* p = mkdtemp(tmpl);
+    path_ = p ? p : "";
+  }
+  ~TempDir() {
+    if (!path_.empty()) (void)std::system(("rm -rf '" + path_ + "'").c_str());
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& Path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+  // Writes `contents` to the relative path, making its folders first.
+  void Write(const std::string& rel, const std::string& contents) const {
+    const std::string full = *this / rel;
+    for (size_t p = full.find('/', path_.size() + 1); p != std::string::npos; p = full.find('/', p + 1))
+      mkdir(full.substr(0, p).c_str(), 0755);
+    std::ofstream(full, std::ios::binary).write(contents.data(), std::streamsize(contents.size()));
+  }
+  std::string Read(const std::string& rel) const {
+    std::ifstream in(*this / rel, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  bool Exists(const std::string& rel) const {
+    struct stat st;
+    return stat((*this / rel).c_str(), &st) == 0;
+  }
+
+ private:
+  std::string path_;
+};
 
 }  // namespace test_util

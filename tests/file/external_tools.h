@@ -14,27 +14,9 @@
 #include <sstream>
 #include <string>
 
+#include "test_util.h"
+
 namespace test_util {
-
-// A scratch directory removed with its contents at the end of the scope.
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/loader-test-XXXXXX";
-    const char* p = mkdtemp(tmpl);
-    path_ = p ? p : "";
-  }
-  ~TempDir() {
-    if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& Path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
 
 inline void WriteFile(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary).write(data.data(), std::streamsize(data.size()));

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "file/buf_ifile.h"
 #include "file/file.h"
 
 namespace test_util {
@@ -73,5 +74,22 @@ class RecordingSink : public o_file {
   int failAt = 0;
   uint32_t failCode = Common::Codes::WriteError;
 };
+
+// Everything `Decoder` gives over `packed`, read in pieces of `chunk` bytes
+// until it ends or fails; the failure goes to `error` when asked for.
+template <class Decoder>
+std::string DecodeAll(const std::string& packed, uint64_t chunk = 65536, Common::Error* error = nullptr) {
+  buf_ifile<unsigned char> in(packed.data(), packed.size());
+  Decoder reader(in);
+  std::string out, piece(chunk, '\0');
+  for (;;) {
+    uint64_t got = 0;
+    reader.Read(piece.data(), chunk, got);
+    out.append(piece, 0, got);
+    if (reader.HasError() || got == 0) break;
+  }
+  if (error) *error = reader.TakeError();
+  return out;
+}
 
 }  // namespace test_util

@@ -21,19 +21,8 @@ using test_util::ThrownCode;
 
 namespace {
 
-// Reads a whole gzip member through i_gzip_file in reads of `chunk` bytes.
-std::string Inflate(const std::string& gz, uint64_t chunk = 65536, Common::Error* error = nullptr) {
-  buf_ifile<unsigned char> in(gz.data(), gz.size());
-  i_gzip_file reader(in);
-  std::string out, piece(chunk, '\0');
-  for (;;) {
-    uint64_t got = 0;
-    reader.Read(piece.data(), chunk, got);
-    out.append(piece, 0, got);
-    if (reader.HasError() || got == 0) break;
-  }
-  if (error) *error = reader.TakeError();
-  return out;
+std::string Inflate(const std::string& packed, uint64_t chunk = 65536, Common::Error* error = nullptr) {
+  return test_util::DecodeAll<i_gzip_file>(packed, chunk, error);
 }
 
 // A raw deflate body made by zlib itself, for hand-built headers.

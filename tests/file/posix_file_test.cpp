@@ -6,25 +6,14 @@
 #include <string>
 #include <unistd.h>
 
+#include "test_util.h"
+
 namespace {
 
 class PosixFileTest : public testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/posix_file_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override {
-    for (const auto& p : made_) ::unlink(p.c_str());
-    ::rmdir(dir_.c_str());
-  }
-  std::string Path(const char* name) {
-    made_.push_back(dir_ + "/" + name);
-    return made_.back();
-  }
-  std::string dir_;
-  std::vector<std::string> made_;
+  std::string Path(const char* name) { return dir_ / name; }
+  test_util::TempDir dir_;
 };
 
 TEST_F(PosixFileTest, WritesReadsBackAndSeeks) {
@@ -66,7 +55,7 @@ class PosixFileOpen : public PosixFileTest, public testing::WithParamInterface<O
 
 TEST_P(PosixFileOpen, FailsWithNullAndTheRightCode) {
   const OpenFailure& c = GetParam();
-  std::string path = c.directory ? dir_ : Path("f");
+  std::string path = c.directory ? dir_.Path() : Path("f");
   if (c.existing && !c.directory) {
     ASSERT_NE(PosixFile::Open(path, PosixFile::Mode::Create), nullptr);
   }
@@ -110,7 +99,7 @@ TEST_F(PosixFileTest, NegativeSeekRecordsSearchError) {
 
 TEST_F(PosixFileTest, ReadWholeFileOfMissingPathGivesNotFound) {
   std::string out = "stale";
-  EXPECT_EQ(ReadWholeFile(dir_ + "/none", out).Code(), 0x40011u);
+  EXPECT_EQ(ReadWholeFile(Path("none"), out).Code(), 0x40011u);
   EXPECT_TRUE(out.empty());
 }
 

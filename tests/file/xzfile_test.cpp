@@ -18,18 +18,8 @@ using test_util::ScriptedInput;
 
 namespace {
 
-std::string Unxz(const std::string& xz, uint64_t chunk = 65536, Common::Error* error = nullptr) {
-  buf_ifile<unsigned char> in(xz.data(), xz.size());
-  XZDecompressor reader(in);
-  std::string out, piece(chunk, '\0');
-  for (;;) {
-    uint64_t got = 0;
-    reader.Read(piece.data(), chunk, got);
-    out.append(piece, 0, got);
-    if (reader.HasError() || got == 0) break;
-  }
-  if (error) *error = reader.TakeError();
-  return out;
+std::string Unxz(const std::string& packed, uint64_t chunk = 65536, Common::Error* error = nullptr) {
+  return test_util::DecodeAll<XZDecompressor>(packed, chunk, error);
 }
 
 std::string XzTool(const std::string& data, const std::string& flags) {

@@ -246,7 +246,7 @@ TEST_F(SecureBootRoad, ListsThatDoNotHold) {
   EXPECT_TRUE(Refused(outcome, "0x1480011: An invalid file signature.")) << outcome;
   // A list that is missing.
   disk.Write("boot/list.sig", "");
-  std::remove((disk.path() + "/boot/list.sig").c_str());
+  std::remove((disk.Path() + "/boot/list.sig").c_str());
   outcome = Outcome(action);
   EXPECT_TRUE(Refused(outcome, "0x40007")) << outcome;
 }

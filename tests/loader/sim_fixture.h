@@ -14,46 +14,17 @@
 #include "efi/file.h"
 #include "efi/host_only/sim_firmware.h"
 #include "efi/menu.h"
+#include "test_util.h"
 
 namespace loader_test {
 
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/loader-test-XXXXXX";
-    path_ = mkdtemp(tmpl);
-  }
-  ~TempDir() {
-    std::string cmd = "rm -rf '" + path_ + "'";
-    if (system(cmd.c_str()) != 0) ADD_FAILURE() << "cannot remove " << path_;
-  }
-  const std::string& path() const { return path_; }
-
-  void Write(const std::string& rel, const std::string& contents) const {
-    std::string full = path_ + "/" + rel;
-    for (size_t p = full.find('/', path_.size() + 1); p != std::string::npos;
-         p = full.find('/', p + 1))
-      mkdir(full.substr(0, p).c_str(), 0755);
-    std::ofstream(full, std::ios::binary) << contents;
-  }
-  std::string Read(const std::string& rel) const {
-    std::ifstream in(path_ + "/" + rel, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  bool Exists(const std::string& rel) const {
-    struct stat st;
-    return stat((path_ + "/" + rel).c_str(), &st) == 0;
-  }
-
- private:
-  std::string path_;
-};
+using test_util::TempDir;
 
 class SimTest : public ::testing::Test {
  protected:
   SimTest() : scoped_(fw) {
-    fw.diskRoot = disk.path();
-    fw.tftpRoot = tftp.path();
+    fw.diskRoot = disk.Path();
+    fw.tftpRoot = tftp.Path();
     fw.loaderFilePath = EfiLoader::Sim::SimFirmware::FilePathOf({u"\\EFI\\BOOT\\BOOTX64.EFI"});
     EfiLoader::ResetSelfPath();
     EfiLoader::ResetMenuState();
