@@ -22,6 +22,15 @@ Error WithStatus(const Common::ErrorLocation& where, uint32_t code, EfiStatus st
   return e;
 }
 
+// The helpers of OpenLoaderFile and GetSelfPath raise their errors in those
+// names: a report shows the operation the caller went through, not how it
+// is split up here.
+#define ERROR_IN(name)                                                             \
+  (::Common::ErrorLocation{::Common::SourceFileCode(__FILE__) + __LINE__, __FILE__, \
+                           (name), static_cast<uint32_t>(__LINE__)})
+#define OPEN_HERE ERROR_IN("OpenLoaderFile")
+#define SELF_PATH_HERE ERROR_IN("GetSelfPath")
+
 std::u16string g_selfPath;
 
 constexpr uint32_t kDhcpMagic = 0x63538263;  // 99.130.83.99 read little-endian
@@ -223,7 +232,7 @@ std::u16string SelfPathFromNetwork() {
   const uint32_t len = GetDhcpOption(data, kTagBootFile, packet);
   std::u16string name;
   for (uint32_t i = 0; i < len && data[i] != 0; ++i) name.push_back(data[i]);
-  if (name.empty()) THROW_ERROR(OpenError);
+  if (name.empty()) throw MakeError(SELF_PATH_HERE, OpenError);
   return name;
 }
 
@@ -233,15 +242,15 @@ std::u16string SelfPathFromDevicePath() {
   size_t i = 0;
   bool first = true;
   for (;;) {
-    if (i + 4 > dp.size()) THROW_ERROR(EfiRuntimeError);
+    if (i + 4 > dp.size()) throw MakeError(SELF_PATH_HERE, EfiRuntimeError);
     const uint8_t type = dp[i], subtype = dp[i + 1];
     const uint16_t length = static_cast<uint16_t>(dp[i + 2] | (dp[i + 3] << 8));
     if (type == 0x7f) {
-      if (result.empty()) THROW_ERROR(EfiRuntimeError);
+      if (result.empty()) throw MakeError(SELF_PATH_HERE, EfiRuntimeError);
       return result;
     }
     if (type != 4 || subtype != 4 || length < 4 || i + length > dp.size())
-      THROW_ERROR(EfiRuntimeError);
+      throw MakeError(SELF_PATH_HERE, EfiRuntimeError);
     std::u16string name;
     for (size_t k = i + 4; k + 1 < i + length; k += 2) {
       const char16_t c = static_cast<char16_t>(dp[k] | (dp[k + 1] << 8));
@@ -317,7 +326,7 @@ std::unique_ptr<ri_file> OpenOverTftp(const std::u16string& path) {
   if (packet.size() >= 24) std::memcpy(server, packet.data() + 20, 4);  // siaddr
   if (!server[0] && !server[1] && !server[2] && !server[3]) {
     const uint8_t* opt = nullptr;
-    if (GetDhcpOption(opt, kTagServerId, packet) < 4) THROW_ERROR(OpenError);
+    if (GetDhcpOption(opt, kTagServerId, packet) < 4) throw MakeError(OPEN_HERE, OpenError);
     std::memcpy(server, opt, 4);
   }
   std::string name;
@@ -325,12 +334,12 @@ std::unique_ptr<ri_file> OpenOverTftp(const std::u16string& path) {
   constexpr uint64_t kBlockSize = 1428;
   uint64_t size = 0;
   EfiStatus s = pxe->TftpGetFileSize(server, name, kBlockSize, size);
-  if (EfiFailed(s)) throw WithStatus(ERROR_HERE, OpenError, s);
+  if (EfiFailed(s)) throw WithStatus(OPEN_HERE, OpenError, s);
   std::unique_ptr<unsigned char[]> block(new (std::nothrow) unsigned char[size ? size : 1]);
-  if (!block) THROW_ERROR(NotEnoughMemory);
+  if (!block) throw MakeError(OPEN_HERE, NotEnoughMemory);
   uint64_t got = size;
   s = pxe->TftpReadFile(server, name, kBlockSize, block.get(), got);
-  if (EfiFailed(s)) throw WithStatus(ERROR_HERE, OpenError, s);
+  if (EfiFailed(s)) throw WithStatus(OPEN_HERE, OpenError, s);
   if (got > size) got = size;
   unsigned char* data = block.release();
   return std::make_unique<buf_ifile<unsigned char>>(data, data, got);
@@ -349,14 +358,14 @@ std::unique_ptr<ri_file> OpenWithLoadFile(const std::u16string& path, const Erro
   uint64_t size = 0;
   EfiStatus s = Fw().LoadFile(device, dp, nullptr, size);
   if (s != Status::BufferTooSmall) {
-    if (EfiFailed(s)) throw WithStatus(ERROR_HERE, OpenError, s);
-    THROW_ERROR(OpenError);
+    if (EfiFailed(s)) throw WithStatus(OPEN_HERE, OpenError, s);
+    throw MakeError(OPEN_HERE, OpenError);
   }
   std::unique_ptr<unsigned char[]> block(new (std::nothrow) unsigned char[size ? size : 1]);
-  if (!block) THROW_ERROR(NotEnoughMemory);
+  if (!block) throw MakeError(OPEN_HERE, NotEnoughMemory);
   uint64_t got = size;
   s = Fw().LoadFile(device, dp, block.get(), got);
-  if (EfiFailed(s)) throw WithStatus(ERROR_HERE, OpenError, s);
+  if (EfiFailed(s)) throw WithStatus(OPEN_HERE, OpenError, s);
   if (got > size) got = size;
   unsigned char* data = block.release();
   return std::make_unique<buf_ifile<unsigned char>>(data, data, got);

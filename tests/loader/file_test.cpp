@@ -204,6 +204,41 @@ TEST_F(LoaderFiles, TftpWithoutServerAddressFallsToTheDisk) {
   EXPECT_EQ(ReadAll(*OpenLoaderFile(u"cfg.xml")), "from tftp");
 }
 
+// Booted by PXE: the card's device has the PXE protocol and a load-file
+// service that serves its boot file only, and no file system.
+TEST_F(LoaderFiles, NetworkBootReadsWholeFilesAndReportsAMissingOneAsOpenLoaderFile) {
+  const uint8_t server[4] = {10, 0, 2, 2};
+  fw.hasPxe = true;
+  fw.hasFileSystem = false;
+  fw.hasLoadFile = true;
+  fw.loadFileRefusal = Status::Unsupported;
+  fw.dhcpAck = DhcpPacket({67, 20, 'r', 'e', 's', 'c', 'u', 'e', '/', 'r', 'e', 's', 'c', 'u', 'e',
+                           '.', 'v', '2', '.', 'e', 'f', 'i'},
+                          server);
+  // Bigger than one piece of any firmware read, and not a run of one byte.
+  std::string kernel(5 * 1024 * 1024 + 7, '\0');
+  for (size_t i = 0; i < kernel.size(); ++i) kernel[i] = static_cast<char>(i * 131 / 7);
+  tftp.Write("vmlinuz", kernel);
+  tftp.Write("rescue\\extra.xz", "named with a backslash");
+  disk.Write("vmlinuz-missing", "never reached: no file system on the card");
+
+  auto f = OpenLoaderFile(u"vmlinuz");
+  EXPECT_EQ(f->GetSize(), static_cast<int64_t>(kernel.size()));
+  EXPECT_TRUE(ReadAll(*f) == kernel);
+  // The name goes to the server byte for byte: no separator is turned.
+  EXPECT_EQ(ReadAll(*OpenLoaderFile(u"rescue\\extra.xz")), "named with a backslash");
+
+  try {
+    OpenLoaderFile(u"vmlinuz-missing");
+    ADD_FAILURE() << "a file that is on no road was opened";
+  } catch (const Common::Error& e) {
+    // The report is that of the last road tried, the card's refusal.
+    EXPECT_EQ(e.Code(), 0x40007u);
+    EXPECT_STREQ(e.Function(), "OpenLoaderFile");
+    EXPECT_EQ(e.Cause().Code(), 1u) << "the firmware's status is chained";
+  }
+}
+
 TEST_F(LoaderFiles, LoadFileRoadIsRelativeToTheLoader) {
   fw.hasFileSystem = false;
   fw.hasLoadFile = true;

@@ -333,6 +333,7 @@ bool SimFirmware::HasLoadFile(EfiHandle device) { return hasLoadFile && device =
 EfiStatus SimFirmware::LoadFile(EfiHandle device, const std::vector<uint8_t>& devicePath,
                                 void* buffer, uint64_t& size) {
   if (!HasLoadFile(device)) return Status::Unsupported;
+  if (loadFileRefusal != Status::Success) return loadFileRefusal;
   // Join the file nodes of the path.
   std::u16string path;
   for (size_t i = 0; i + 4 <= devicePath.size();) {

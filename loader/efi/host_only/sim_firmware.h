@@ -41,6 +41,9 @@ class SimFirmware : public Firmware {
   std::string diskRoot;            // host directory behind the loader's volume
   bool hasFileSystem = true;       // the loader's device offers a file system
   bool hasLoadFile = false;        // ... and a load-file service over diskRoot
+  // Unless Success, what the load-file service answers to every request:
+  // a network card's serves its boot file and nothing else.
+  EfiStatus loadFileRefusal = Status::Success;
   std::string tftpRoot;            // host directory behind the PXE server
   bool hasPxe = false;
   bool pxeIpv6 = false;
