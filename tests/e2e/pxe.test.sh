@@ -41,5 +41,9 @@ e2e_expect "Starting x64 UEFI loader (v.1.1.236)..." 180
 e2e_expect "Runtime error:" 60
 e2e_console | grep -A1 -F "Runtime error:" | tail -n 1 |
   grep -qxF "Error 0x40007: Error occurred while opening the file." || e2e_fail "wrong report"
+# The last road tried, the card's load-file service, fails in the name of
+# the operation, not of a helper behind it.
+e2e_console | grep -A6 -F "Runtime error:" | grep -qxF "| function: OpenLoaderFile" ||
+  e2e_fail "the report does not name OpenLoaderFile"
 e2e_expect "Load Error" 60
 e2e_pass
