@@ -3,14 +3,10 @@
 // with an error or with data, and never faults, hangs or reads outside the
 // disk (ASan and UBSan watch).
 //
-// The input is a sparse disk of 512-byte sectors: records of a
-// little-endian 32-bit sector number and the sector's 512 bytes.  Sectors
-// that no record names read as zeroes, so a seed of a few records stands
-// for a whole volume of tens of megabytes.
+// The input is a sparse disk of 512 MiB (sparse_disk.h): a seed of a few
+// sector records stands for a whole volume of tens of megabytes.
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,39 +14,11 @@
 #include "fdisk/ver2/simpdisk.h"
 #include "file/dir.h"
 #include "filesys/mount_handler.h"
+#include "sparse_disk.h"
 
 namespace {
 
-constexpr uint32_t kSectorSize = 512;
 constexpr uint64_t kDiskSectors = 1u << 20;  // 512 MiB
-constexpr size_t kRecord = 4 + kSectorSize;
-
-class SparseDisk final : public Fdisk::SimpleDisk {
- public:
-  SparseDisk(const uint8_t* data, size_t size) {
-    sectorSize_ = kSectorSize;
-    lastSector_ = kDiskSectors - 1;
-    for (size_t at = 0; at + kRecord <= size; at += kRecord) {
-      const uint32_t n = uint32_t(data[at]) | uint32_t(data[at + 1]) << 8 | uint32_t(data[at + 2]) << 16 |
-                         uint32_t(data[at + 3]) << 24;
-      sectors_[n % kDiskSectors] = data + at + 4;
-    }
-  }
-
-  Common::Error IoOp(uint32_t op, uint64_t sector, void* buffer, uint64_t count) override {
-    if (op != Fdisk::DiskRead) return Common::Error(ERROR_HERE, Fdisk::Codes::WriteProtected, u"Write protected.");
-    if (sector >= kDiskSectors || count > kDiskSectors - sector)
-      return Common::Error(ERROR_HERE, Fdisk::Codes::InvalidParameter, u"One of the parameters has an invalid value.");
-    auto* out = static_cast<uint8_t*>(buffer);
-    std::memset(out, 0, count * kSectorSize);
-    for (auto it = sectors_.lower_bound(sector); it != sectors_.end() && it->first < sector + count; ++it)
-      std::memcpy(out + (it->first - sector) * kSectorSize, it->second, kSectorSize);
-    return Common::Error();
-  }
-
- private:
-  std::map<uint64_t, const uint8_t*> sectors_;
-};
 
 // Bounds of the walk itself, so that one input stays quick; the driver has
 // its own bounds and must not need these.
@@ -108,7 +76,7 @@ void Walk(rio_dir& dir, Budget& budget, int depth) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::unique_ptr<Fdisk::SimpleDisk> disk = std::make_unique<SparseDisk>(data, size);
+  std::unique_ptr<Fdisk::SimpleDisk> disk = std::make_unique<fuzz::SparseDisk>(data, size, kDiskSectors);
   std::unique_ptr<rio_dir> root(Mount(kDetectAll, disk));
   if (!root) return 0;
   char16_t label[64];

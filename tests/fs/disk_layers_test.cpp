@@ -1,6 +1,7 @@
 // Disks over other things: a read-only window on a disk, a disk over a
 // stream, and the partition tables that loader-tool reads on the host.
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include "fdisk/partition_table.h"
 #include "fdisk/ver2/stream_disk.h"
@@ -181,6 +182,36 @@ TEST(PartitionTable, GptEntriesComeWithTheirNumbersAndGuids) {
   EXPECT_EQ(table.entries.size(), 2u);
 }
 
+TEST(PartitionTable, AGptEntryOverItsOwnTableIsNoPartition) {
+  // sgdisk's table, then a header that calls every sector usable and an
+  // entry that starts at sector 0: the entry would cover the MBR, the
+  // header and the entries themselves.  Both checksums are made right, so
+  // only the overlap can keep it out.
+  fs_test::TempDir dir;
+  const std::string image = dir / "gpt.img";
+  ASSERT_TRUE(fs_test::Run("truncate -s 4M '" + image + "' && sgdisk -n 1:2048:+1M -n 2:0:+1M '" + image + "'"));
+  std::string bytes = test_util::ReadFile(image);
+  auto put32 = [&](size_t at, uint32_t v) {
+    for (int i = 0; i < 4; ++i) bytes[at + i] = char(v >> (8 * i));
+  };
+  auto crc = [&](size_t at, size_t size) {
+    return uint32_t(crc32(0, reinterpret_cast<const Bytef*>(bytes.data() + at), uInt(size)));
+  };
+  const size_t header = 512, entries = 2 * 512;
+  put32(header + 40, 0);  // first usable LBA
+  put32(header + 44, 0);
+  put32(entries + 32, 0);  // entry 1's first LBA
+  put32(header + 88, crc(entries, 128 * 128));
+  put32(header + 16, 0);
+  put32(header + 16, crc(header, 92));
+  MemoryDisk disk(bytes, 512);
+  Fdisk::PartitionTable table;
+  ASSERT_TRUE(Fdisk::ReadPartitionTable(disk, table).IsSuccess());
+  EXPECT_EQ(table.kind, Fdisk::PartitionTable::Kind::Gpt);
+  ASSERT_EQ(table.entries.size(), 1u);
+  EXPECT_EQ(table.entries[0].number, 2u);
+}
+
 TEST(PartitionTable, MbrPrimaryAndLogicalPartitionsAreNumberedAsLinuxDoes) {
   fs_test::TempDir dir;
   const std::string image = dir / "mbr.img";
@@ -229,6 +260,17 @@ TEST(PartitionTable, HostileTablesAreReadOnlyAsFarAsTheyHoldTogether) {
   EXPECT_EQ(table.entries[0].number, 5u);
   EXPECT_EQ(table.entries[0].firstSector, 10u);
   EXPECT_EQ(table.entries[1].firstSector, 20u);
+
+  // A second extended partition: its logical partitions number on from
+  // the first chain's, so that a partition number names one volume.
+  entry(0, 2, 0x0F, 40, 20);           // extended at 40
+  entry(40, 0, 0x07, 2, 6);            // logical at 42
+  MemoryDisk twoChains(bytes, 512);
+  ASSERT_TRUE(Fdisk::ReadPartitionTable(twoChains, table).IsSuccess());
+  std::vector<uint32_t> numbers;
+  for (const auto& p : table.entries) numbers.push_back(p.number);
+  EXPECT_EQ(numbers, (std::vector<uint32_t>{5, 6, 7}));
+  EXPECT_EQ(table.entries[2].firstSector, 42u);
 
   // No signature at all: a bare volume, and no error.
   MemoryDisk blank(std::string(16 * 512, '\0'), 512);

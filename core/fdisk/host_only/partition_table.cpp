@@ -131,6 +131,11 @@ bool ReadGpt(SimpleDisk& disk, uint64_t lba, PartitionTable& table) {
     if (type.IsZero()) continue;
     const uint64_t first = Le64(e.firstLba), lastLba = Le64(e.lastLba);
     if (first > lastLba || first < firstUsable || lastLba > lastUsable) continue;
+    // A header that calls its own sectors usable does not make them a
+    // partition: sector 0, the header and the entry array stay out.
+    const auto overlaps = [&](uint64_t a, uint64_t b) { return first <= b && a <= lastLba; };
+    if (first == 0 || overlaps(lba, lba) || (sectors > 0 && overlaps(entriesLba, entriesLba + sectors - 1)))
+      continue;
     PartitionEntry p;
     p.number = i + 1;
     p.firstSector = first;
@@ -157,11 +162,12 @@ bool Fits(uint64_t first, uint64_t count, uint64_t diskSectors) {
 }
 
 // The logical partitions of the extended partition at `base`, `size`.
-void ReadLogical(SimpleDisk& disk, uint64_t base, uint64_t size, PartitionTable& table) {
+// `number` is the next logical number; it runs on across a second extended
+// partition, so that no two partitions share one.
+void ReadLogical(SimpleDisk& disk, uint64_t base, uint64_t size, PartitionTable& table, uint32_t& number) {
   const uint64_t diskSectors = disk.GetLastSector() + 1;
   std::set<uint64_t> seen;
   uint64_t ebr = base;
-  uint32_t number = 5;
   for (unsigned n = 0; n < kMaxLogicalPartitions && seen.insert(ebr).second; ++n) {
     std::vector<uint8_t> sector;
     if (ReadSectors(disk, ebr, 1, sector).IsError() || !HasMbrSignature(sector)) return;
@@ -208,6 +214,7 @@ Common::Error ReadPartitionTable(SimpleDisk& disk, PartitionTable& table) {
   table.kind = PartitionTable::Kind::Mbr;
   table.mbrSignature = Le32(mbr.data() + kMbrSignatureOffset);
   const uint64_t diskSectors = disk.GetLastSector() + 1;
+  uint32_t logicalNumber = 5;
   for (int i = 0; i < 4; ++i) {
     MbrEntry entry;
     ReadMbrEntry(mbr, i, entry);
@@ -215,7 +222,7 @@ Common::Error ReadPartitionTable(SimpleDisk& disk, PartitionTable& table) {
     if (entry.type == 0 || entry.type == kProtectiveType || !Fits(first, count, diskSectors))
       continue;
     if (IsExtended(entry.type)) {
-      ReadLogical(disk, first, count, table);
+      ReadLogical(disk, first, count, table, logicalNumber);
       continue;
     }
     PartitionEntry p;
