@@ -5,7 +5,8 @@
 # second).  Only the target's files may reach the guest, so a loader that
 # takes the wrong partition, or the first one it finds, fails here.
 # Then a GUID that no partition carries: the exact report, its cause
-# "Failed to open the volume by GUID.", the pause and the return.
+# "Failed to open the volume by GUID.", the pause and the return; and a
+# third partition with no file system: "Failed to mount the partition.".
 set -uo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 source "$(dirname "${BASH_SOURCE[0]}")/linux_guest.sh"
@@ -16,6 +17,7 @@ linux_guest_prepare
 decoy_guid=0B6A4C1E-5D27-4F08-9E3C-1A2B3C4D5E6F
 target_guid=7D3F2A91-C4E8-4B6D-A05F-98E1D2C3B4A5
 missing_guid=7D3F2A91-C4E8-4B6D-A05F-98E1D2C3B4A6
+blank_guid=C0FFEE00-1234-4CDE-8F00-0A0B0C0D0E0F
 
 # Two RAM disks, as on the loader's own device: gzip, then xz behind it.
 ramdisks() {
@@ -49,7 +51,8 @@ rm -f "$disk"
 truncate -s 64M "$disk"
 sgdisk -o \
   -n 1:2048:+20M -t 1:0700 -c 1:decoy -u "1:$decoy_guid" \
-  -n 2:0:+40M -t 2:0700 -c 2:rescue -u "2:$target_guid" "$disk" >/dev/null ||
+  -n 2:0:+40M -t 2:0700 -c 2:rescue -u "2:$target_guid" \
+  -n 3:0:+1M -t 3:0700 -c 3:blank -u "3:$blank_guid" "$disk" >/dev/null ||
   e2e_fail "sgdisk failed"
 first_sector() { sgdisk -i "$1" "$disk" | awk '/^First sector:/ { print $3 }'; }
 dd if="$E2E_WORK/decoy.fat" of="$disk" bs=512 seek="$(first_sector 1)" conv=notrunc status=none &&
@@ -76,6 +79,12 @@ cat >"$E2E_WORK/boot.xml" <<XML
       <LoadKernel>
         <GPT Guid="$missing_guid"/>
         <Kernel Path="\\boot\\Images\\Kernel Image.bin" Arguments="console=ttyS0"/>
+      </LoadKernel>
+    </Entry>
+    <Entry Key="3" Text="3: Linux from a partition without a file system">
+      <LoadKernel>
+        <GPT Guid="$blank_guid"/>
+        <Kernel Path="/vmlinuz" Arguments="console=ttyS0"/>
       </LoadKernel>
     </Entry>
   </Menu>
@@ -114,4 +123,16 @@ before=$SECONDS
 e2e_expect_return 40
 [ $((SECONDS - before)) -ge 8 ] || e2e_fail "no 10 s pause before the return"
 e2e_expect_absent "Loading protected mode kernel..."
+e2e_stop
+
+e2e_note "case: the partition holds no file system"
+e2e_boot --disk "$E2E_WORK/esp.img" --disk "$disk"
+e2e_expect "2: Linux from a partition that is not there" 90
+e2e_send 3
+e2e_expect "Runtime error:" 30
+head="Error 0x1480008: Cannot get file \"/vmlinuz\" from the partition with GUID $blank_guid."
+e2e_console | grep -A1 -F "Runtime error:" | tail -n 1 | grep -qxF -- "$head" ||
+  e2e_fail "the report's head line is not '$head'"
+e2e_expect "| error 0x148000e: Failed to mount the partition." 10
+e2e_expect_return 40
 e2e_pass
