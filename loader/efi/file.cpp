@@ -25,9 +25,6 @@ Error WithStatus(const Common::ErrorLocation& where, uint32_t code, EfiStatus st
 // The helpers of OpenLoaderFile and GetSelfPath raise their errors in those
 // names: a report shows the operation the caller went through, not how it
 // is split up here.
-#define ERROR_IN(name)                                                             \
-  (::Common::ErrorLocation{::Common::SourceFileCode(__FILE__) + __LINE__, __FILE__, \
-                           (name), static_cast<uint32_t>(__LINE__)})
 #define OPEN_HERE ERROR_IN("OpenLoaderFile")
 #define SELF_PATH_HERE ERROR_IN("GetSelfPath")
 

@@ -14,9 +14,7 @@ using namespace Common::Codes;
 
 // The causes made by the helpers below belong to GetFile: a report names the
 // function the user's action went through, not how it is split up here.
-#define GET_FILE_HERE                                                            \
-  (::Common::ErrorLocation{::Common::SourceFileCode(__FILE__) + __LINE__, __FILE__, \
-                           "GetFile", static_cast<uint32_t>(__LINE__)})
+#define GET_FILE_HERE ERROR_IN("GetFile")
 
 bool GuidOrder::operator()(const Common::GUID& a, const Common::GUID& b) const {
   if (a.Data1 != b.Data1) return a.Data1 < b.Data1;

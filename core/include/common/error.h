@@ -126,6 +126,10 @@ inline constexpr const char* kModuleTag = "kelvorn_efia64_236";
 
 }  // namespace Common
 
-#define ERROR_HERE                                                                \
+// This place in the source, in the name of function `name`: for helpers
+// whose errors a report should show under the operation the caller used.
+#define ERROR_IN(name)                                                            \
   (::Common::ErrorLocation{::Common::SourceFileCode(__FILE__) + __LINE__, __FILE__, \
-                           __func__, static_cast<uint32_t>(__LINE__)})
+                           (name), static_cast<uint32_t>(__LINE__)})
+
+#define ERROR_HERE ERROR_IN(__func__)
