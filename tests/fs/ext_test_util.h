@@ -36,21 +36,17 @@ inline bool MakeExt(const std::string& image, const ExtLayout& l, const std::str
   return Run("e2fsck -fyD '" + image + "'; test $? -le 1");
 }
 
-// Mounts a disk with the ext driver alone, as the mount table would.
+// Mounts a disk with the ext driver alone.
 inline std::unique_ptr<rio_dir> MountExt(std::unique_ptr<Fdisk::SimpleDisk> disk) {
   if (!disk) return nullptr;
-  FileSystemMountHandler* handler = CreateExt(disk.get(), 0, disk->GetLastSector() + 1, 0, nullptr, nullptr, 0);
-  if (handler == nullptr) return nullptr;
-  handler->AddRef();
-  handler->flags |= FileSystemMountHandler::kOwnsDisk;
-  disk.release();
-  std::unique_ptr<rio_dir> root(handler->OpenRootDir());
-  if (handler->ReleaseRef() == 0) delete handler;
-  return root;
+  return std::unique_ptr<rio_dir>(Mount(kCreateExt, disk));
 }
 
+// Mounts an image the loader's way: every driver in the fixed order.
 inline std::unique_ptr<rio_dir> MountExtImage(const std::string& image) {
-  return MountExt(ImageAsDisk(image, 512));
+  std::unique_ptr<Fdisk::SimpleDisk> disk = ImageAsDisk(image, 512);
+  if (!disk) return nullptr;
+  return std::unique_ptr<rio_dir>(Mount(kDetectAll, disk));
 }
 
 // Everything below `dir`: relative path -> contents; directories end in

@@ -66,7 +66,7 @@ const FileSystemTableRow& FileSystemTable(int row) {
   static const FileSystemTableRow kTable[kFileSystemTableRows] = {
       {&DetectAll, 0xDFF1},
       {&DetectCommon, 0xC5F1},
-      {nullptr, 0x0071},  // ext2/3/4
+      {&CreateExt, 0x0071},
       {&CreateFat, 0xC001},
       {nullptr, 0x0181},  // HFS+
       {nullptr, 0x0401},  // NTFS

@@ -45,6 +45,9 @@ FileSystemMountHandler* DetectAll(Fdisk::SimpleDisk* disk, uint64_t startSector,
 FileSystemMountHandler* DetectCommon(Fdisk::SimpleDisk* disk, uint64_t startSector, uint64_t sectors,
                                      uint32_t handlerId, const uint8_t* bootSector,
                                      const uint8_t* visibleBitmap, uint64_t bitmapBits);
+FileSystemMountHandler* CreateExt(Fdisk::SimpleDisk* disk, uint64_t startSector, uint64_t sectors,
+                                  uint32_t handlerId, const uint8_t* bootSector,
+                                  const uint8_t* visibleBitmap, uint64_t bitmapBits);
 FileSystemMountHandler* CreateFat(Fdisk::SimpleDisk* disk, uint64_t startSector, uint64_t sectors,
                                   uint32_t handlerId, const uint8_t* bootSector,
                                   const uint8_t* visibleBitmap, uint64_t bitmapBits);

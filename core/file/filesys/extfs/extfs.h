@@ -368,7 +368,3 @@ bool ValidEntry(const Format::DirEntry& entry, uint32_t offset, ExtfsDriver& dri
                 bool skipDots);
 
 }  // namespace extfs
-
-FileSystemMountHandler* CreateExt(Fdisk::SimpleDisk* disk, uint64_t startSector, uint64_t sectors,
-                                  uint32_t handlerId, const uint8_t* bootSector,
-                                  const uint8_t* visibleBitmap, uint64_t bitmapBits);

@@ -82,7 +82,9 @@ ExtfsDriver::ExtfsDirectory::ExtfsDirectory(ExtfsDriver& driver, uint64_t id)
   if (id >= driver.InodesCount()) throw Common::MakeError(ERROR_IN("ExtfsDirectory"), Corrupted);
   inode_ = driver.OpenInode(id == 0 ? 1 : uint32_t(id));
   const uint64_t size = inode_->GetSize();
-  if ((inode_->Mode() & kModeType) != kModeDir || size == 0 || size % driver.BlockSize() != 0)
+  // A directory has no holes, so it cannot be larger than the volume.
+  if ((inode_->Mode() & kModeType) != kModeDir || size == 0 || size % driver.BlockSize() != 0 ||
+      size / driver.BlockSize() > driver.Blocks())
     throw Common::MakeError(ERROR_IN("ExtfsDirectory"), Corrupted);
 }
 
