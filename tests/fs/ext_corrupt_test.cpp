@@ -146,6 +146,7 @@ TEST(ExtCorrupt, SuperblockChecksRefuseTheMountWithTheirCodes) {
          i.Put32(1024 + 0x104, 1000);
        },
        Corrupted},
+      {"journal waiting for recovery", false, [](ExtImage& i) { i.Put32(1024 + 0x60, i.Get32(1024 + 0x60) | 0x4); }, Corrupted},
       {"superblock checksum", true, [](ExtImage& i) { i.Super()[0x78] ^= 1; }, Corrupted},
       {"both descriptor checksums", true,
        [](ExtImage& i) {

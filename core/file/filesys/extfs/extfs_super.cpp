@@ -83,9 +83,10 @@ void ExtfsDriver::ReadSuperBlock() {
   }
 
   if (HasIncompat(kIncompatRecover)) {
-    // The replay shows the journal's changes through an overlay; the
-    // superblock is then read again through it.
-    GetBuffer(kSuperBlockOffset / SectorSize(), 1).Reset();
+    // The replay would show the journal's changes through an overlay and
+    // the superblock would be read again through it.  No replay processor
+    // is part of the loader, so here it fails and the volume stays
+    // unmounted rather than read in a state its own journal contradicts.
     VirtualJournalReplay(*this, 0x30);
     LoadSuperBlockCopy();
     if (Get16(sb_ + kSbMagic) != kMagic) THROW_ERROR(Corrupted);
