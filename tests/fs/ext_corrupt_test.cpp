@@ -324,3 +324,57 @@ TEST(ExtCorrupt, ChecksumsOfInodesAndDirectoryBlocksAreVerified) {
     EXPECT_EQ(ReadCode(*root, u"sub/Inner.txt"), Corrupted);
   }
 }
+
+TEST(ExtEdges, InodeFieldsThatChangeHowDataReads) {
+  ExtImage ext4(kExt4Plain, SmallTree());
+  ExtImage ext2(kExt2, SmallTree());
+  ASSERT_FALSE(ext4.bytes.empty());
+  ASSERT_FALSE(ext2.bytes.empty());
+  const std::string data = Pattern(20000, 1);
+  const std::string pristine2 = ext2.bytes;
+
+  // An unwritten extent reads as zeroes over its whole stored length.
+  {
+    const uint64_t file = ext4.InodeOffset("/file.bin");
+    ASSERT_EQ(extfs::Format::Get16(ext4.At(file + 40 + 2)), 1u);  // one extent
+    const uint16_t length = extfs::Format::Get16(ext4.At(file + 40 + 12 + 4));
+    ext4.Put16(file + 40 + 12 + 4, uint16_t(length + 32768));
+    std::unique_ptr<rio_dir> root = ext4.Mount();
+    ASSERT_NE(root, nullptr);
+    std::unique_ptr<ri_file> f(root->Open(u"file.bin", true));
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(ReadAll(*f), std::string(data.size(), '\0'));
+  }
+
+  // A block map ends after three indirect levels: a file claiming more is
+  // read as holes up to there and refused behind it.
+  {
+    const uint64_t file = ext2.InodeOffset("/file.bin");
+    ext2.Put32(file + 108, 5);  // 20 GiB more
+    std::unique_ptr<rio_dir> root = ext2.Mount();
+    ASSERT_NE(root, nullptr);
+    std::unique_ptr<ri_file> f(root->Open(u"file.bin", true));
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(uint64_t(f->GetSize()), (5ull << 32) + data.size());
+    std::string part(4096, '\x11');
+    uint64_t got = 0;
+    ASSERT_EQ(f->Seek(int64_t(1) << 30), int64_t(1) << 30);
+    f->Read(part.data(), part.size(), got);
+    EXPECT_EQ(got, part.size());
+    EXPECT_EQ(part, std::string(part.size(), '\0'));
+    const int64_t beyond = int64_t(18) << 30;
+    ASSERT_EQ(f->Seek(beyond), beyond);
+    f->Read(part.data(), part.size(), got);
+    EXPECT_EQ(f->TakeError().Code(), SeekError);
+  }
+
+  // Only regular files have a high size word; a directory's is ignored.
+  {
+    ext2.bytes = pristine2;
+    ext2.Put32(ext2.InodeOffset("/sub") + 108, 7);
+    std::unique_ptr<rio_dir> root = ext2.Mount();
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(ListCode(*root, u"sub"), 0u);
+    EXPECT_EQ(ReadCode(*root, u"sub/inner.txt"), 0u);
+  }
+}
