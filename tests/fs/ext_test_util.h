@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <ostream>
 #include <memory>
 #include <string>
 
@@ -22,6 +23,9 @@ struct ExtLayout {
   const char* hash;      // the index's hash, "" for mke2fs's default
   int sizeKiB;
 };
+
+// Test names show the layout's name, not its bytes.
+inline void PrintTo(const ExtLayout& l, std::ostream* os) { *os << l.name; }
 
 // A volume of `layout` holding the tree below `source`; every directory
 // big enough gets a hash index.
