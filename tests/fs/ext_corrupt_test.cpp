@@ -378,3 +378,27 @@ TEST(ExtEdges, InodeFieldsThatChangeHowDataReads) {
     EXPECT_EQ(ReadCode(*root, u"sub/inner.txt"), 0u);
   }
 }
+
+TEST(ExtEdges, SuperblockCopiesAndAFullLabel) {
+  ExtImage image(kExt2, SmallTree());
+  ASSERT_FALSE(image.bytes.empty());
+  std::memcpy(image.Super() + 0x78, "0123456789abcdef", 16);  // no terminator on disk
+  std::unique_ptr<Fdisk::SimpleDisk> disk = image.Disk();
+  std::unique_ptr<ExtfsDriver> d(new ExtfsDriver(disk.get(), 0, disk->GetLastSector() + 1, 0, nullptr, 0));
+  char16_t label[32];
+  d->GetVolumeLabel(label, 32);
+  EXPECT_EQ(std::u16string(label), u"0123456789abcdef");
+  d->GetVolumeLabel(label, 5);
+  EXPECT_EQ(std::u16string(label), u"0123");
+
+  // Under sparse superblocks only groups 0, 1 and powers of 3, 5 and 7
+  // carry a copy; a product of two of them does not.
+  struct Row {
+    uint64_t group;
+    bool copy;
+  };
+  const Row rows[] = {{0, true},  {1, true},  {2, false},  {3, true},   {4, false},  {5, true},
+                      {6, false}, {7, true},  {9, true},   {15, false}, {21, false}, {25, true},
+                      {27, true}, {35, false}, {49, true}, {243, true}, {245, false}, {343, true}};
+  for (const Row& r : rows) EXPECT_EQ(d->GroupHasSuperBlock(r.group), r.copy) << r.group;
+}
