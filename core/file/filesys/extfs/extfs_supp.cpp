@@ -40,6 +40,9 @@ SectorBufferRef ExtfsDriver::GetInodeData(uint32_t number, uint32_t& offset) {
   const uint8_t* d = GetGroupDescriptor(group);
   uint64_t table = Get32(d + kGdInodeTableLo);
   if (HasIncompat(kIncompat64Bit)) table |= uint64_t(Get32(d + kGdInodeTableHi)) << 32;
+  // A table at the very top of the block numbers would wrap back into the
+  // volume.
+  if (table >= blocks_) THROW_ERROR(Corrupted);
   offset = (number % inodesPerBlock_) * inodeSize_;
   return GetBlockBuffer(table + index / inodesPerBlock_);
 }
