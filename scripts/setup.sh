@@ -8,7 +8,7 @@ PACKAGES=(
   googletest libgtest-dev libbenchmark-dev
   libssl-dev zlib1g-dev openssl
   gnu-efi binutils
-  qemu-system-x86 ovmf mtools dosfstools cpio gzip xz-utils
+  qemu-system-x86 qemu-utils ovmf mtools dosfstools cpio gzip xz-utils
   busybox-static fdisk gdisk e2fsprogs xfsprogs ntfs-3g grub-common
   sbsigntool python3 dpkg-dev
 )
