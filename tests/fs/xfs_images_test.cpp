@@ -191,3 +191,18 @@ TEST_P(XfsImages, VolumeFactsAndEntryAttributes) {
 INSTANTIATE_TEST_SUITE_P(Layouts, XfsImages, ::testing::ValuesIn(kLayouts),
                          [](const ::testing::TestParamInfo<XfsLayout>& info) { return std::string(info.param.name); });
 
+TEST_P(XfsImages, TheLoadersMountOrderFindsTheVolume) {
+  const std::string image = Image();
+  ASSERT_FALSE(image.empty());
+  std::unique_ptr<rio_dir> root = MountImage(image);
+  ASSERT_NE(root, nullptr);
+  char16_t label[8];
+  root->GetVolumeLabel(label, 8);
+  EXPECT_EQ(std::u16string(label), u"rescue");
+  char16_t cut[4];
+  root->GetVolumeLabel(cut, 4);
+  EXPECT_EQ(std::u16string(cut), u"res");
+  std::unique_ptr<ri_file> f(root->Open(u"small.txt", true));
+  ASSERT_NE(f, nullptr);
+  EXPECT_EQ(ReadAll(*f), "hello, volume\n");
+}

@@ -71,7 +71,7 @@ const FileSystemTableRow& FileSystemTable(int row) {
       {nullptr, 0x0181},  // HFS+
       {nullptr, 0x0401},  // NTFS
       {nullptr, 0x1801},  // ReFS, then ReFS version 1
-      {nullptr, 0x0201},  // XFS
+      {&CreateXfs, 0x0201},
   };
   static const FileSystemTableRow kNone{nullptr, 0};
   return row >= 0 && row < kFileSystemTableRows ? kTable[row] : kNone;

@@ -51,6 +51,9 @@ FileSystemMountHandler* CreateExt(Fdisk::SimpleDisk* disk, uint64_t startSector,
 FileSystemMountHandler* CreateFat(Fdisk::SimpleDisk* disk, uint64_t startSector, uint64_t sectors,
                                   uint32_t handlerId, const uint8_t* bootSector,
                                   const uint8_t* visibleBitmap, uint64_t bitmapBits);
+FileSystemMountHandler* CreateXfs(Fdisk::SimpleDisk* disk, uint64_t startSector, uint64_t sectors,
+                                  uint32_t handlerId, const uint8_t* bootSector,
+                                  const uint8_t* visibleBitmap, uint64_t bitmapBits);
 
 // Mounts `disk` with table row `row` (the loader uses kDetectAll).  On
 // success the driver owns the disk, `disk` is empty, and the result is the

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "filesys/filesys_posix.h"
+#include "filesys/mount_handler.h"
 
 namespace xfs {
 
@@ -288,7 +289,3 @@ class XFSDriver::LeafIterator final : public BlockIteratorBase {
 };
 
 }  // namespace xfs
-
-FileSystemMountHandler* CreateXfs(Fdisk::SimpleDisk* disk, uint64_t startSector, uint64_t sectors,
-                                  uint32_t handlerId, const uint8_t* bootSector,
-                                  const uint8_t* visibleBitmap, uint64_t bitmapBits);
