@@ -1,106 +1,14 @@
-// XFS volumes from outside: mount, walk every directory, look every entry
-// up by its name and by its identifier, ask every attribute, read every
-// file and link.  Whatever the bytes, the driver answers with an error or
-// with data, and never faults, hangs or reads outside the disk (ASan and
-// UBSan watch).
+// XFS volumes from outside, through the XFS row of the mount table; the
+// walk and its promises are those of volume_walk.h.
 //
 // The input is a sparse disk of 320 MiB (sparse_disk.h): a seed of about a
 // hundred sector records stands for a whole volume made by mkfs.xfs, which
 // makes nothing smaller than 300 MiB.
 #include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "fdisk/ver2/simpdisk.h"
-#include "file/dir.h"
-#include "filesys/mount_handler.h"
-#include "sparse_disk.h"
-
-namespace {
-
-constexpr uint64_t kDiskSectors = 320u << 11;  // 320 MiB
-
-// Bounds of the walk itself, so that one input stays quick; the driver has
-// its own bounds and must not need these.
-struct Budget {
-  int entries = 2000;
-  uint64_t bytes = 8u << 20;
-};
-
-void ReadFile(ri_file& file, Budget& budget) {
-  static std::vector<char> buffer(64 * 1024 + 7);
-  const int64_t size = file.GetSize();
-  if (size < 0) return;
-  // Once aligned, once not, and once from the middle of a block.
-  for (int64_t start : {int64_t(0), int64_t(7), size / 2 + 3}) {
-    file.Seek(start);
-    for (int i = 0; i < 4 && budget.bytes > 0; ++i) {
-      uint64_t got = 0;
-      file.Read(buffer.data() + (start & 7), 64 * 1024, got);
-      budget.bytes -= got < budget.bytes ? got : budget.bytes;
-      if (file.HasError() || got == 0) break;
-    }
-    file.TakeError();
-  }
-}
-
-void Walk(rio_dir& dir, Budget& budget, int depth) {
-  if (depth > 12) return;
-  std::unique_ptr<i_dir::iterator> it(dir.GetIterator());
-  if (!it) return;
-  for (; !it->HasError() && --budget.entries > 0; it->Next()) {
-    const std::u16string name = it->FileName();
-    it->Size();
-    it->SizeOnDisk();
-    it->ModificationTime();
-    it->StatusChangeTime();
-    it->CreationTime();
-    it->AccessTime();
-    it->UnixPermissions();
-    it->HardLinkCount();
-    it->OwnerID();
-    it->DeviceMajor();
-    it->DeviceMinor();
-    it->SymbolicLinkTarget();
-    it->InodeId();
-    std::unique_ptr<file_identifier> id(it->GetIdentifier());
-    if (name.empty()) continue;
-    try {
-      // The entry again by its name, as a lookup finds it.
-      std::unique_ptr<i_dir::iterator> again(dir.GetIterator(name.c_str()));
-    } catch (const Common::Error&) {
-      // Names the faces refuse (a "/" cannot come from the driver, but an
-      // empty or odd one may) are an answer too.
-    }
-    if (FileTypes::IsDirectoryLike(it->FileType())) {
-      std::unique_ptr<rio_dir> sub(dir.OpenDir(name.c_str()));
-      if (sub) Walk(*sub, budget, depth + 1);
-    } else {
-      std::unique_ptr<ri_file> file(dir.Open(name.c_str(), true));
-      if (file) ReadFile(*file, budget);
-      std::unique_ptr<ri_file> byId(id ? dir.Open(id.get(), true) : nullptr);
-    }
-  }
-}
-
-}  // namespace
+#include "volume_walk.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::unique_ptr<Fdisk::SimpleDisk> disk = std::make_unique<fuzz::SparseDisk>(data, size, kDiskSectors);
-  std::unique_ptr<rio_dir> root(Mount(kCreateXfs, disk));
-  if (!root) return 0;
-  char16_t label[64];
-  root->GetVolumeLabel(label, 64);
-  uint64_t total, free, available;
-  root->GetDriveSize(total, free, available);
-  root->TakeError();
-  Budget budget;
-  try {
-    Walk(*root, budget, 0);
-  } catch (const Common::Error&) {
-    // Opening calls may throw on names the faces refuse; that is an answer.
-  }
-  return 0;
+  return fuzz::MountAndWalk(data, size, uint64_t(320) << 11, kCreateXfs, 2000);
 }
