@@ -26,13 +26,8 @@ grub-fstest "$tmp/fat32.img" cat /big.bin | cmp -s - "$tmp/big.bin" ||
   { echo "fat: grub-fstest cat differs from the file" >&2; exit 1; }
 rm -f "$tmp/big.bin"
 
-best() { sort -g | head -n 1; }
-seconds() {  # wall time of "$@" in seconds, output discarded
-  local start end
-  start=$(date +%s.%N); "$@" >/dev/null; end=$(date +%s.%N)
-  awk -v a="$start" -v b="$end" 'BEGIN { printf "%.6f\n", b - a }'
-}
-time5() { for _ in 1 2 3 4 5; do seconds "$@"; done | best; }
+source "$(dirname "$0")/lib/timing.sh"
+time5() { bestof 5 "$@"; }
 
 raw=$(time5 dd if="$tmp/fat32.img" of=/dev/stdout bs=4M count=$((mib / 4)) status=none)
 loader=$(time5 "$tool" cat "$tmp/fat32.img" /big.bin)

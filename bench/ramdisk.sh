@@ -24,13 +24,8 @@ size=$(stat -c %s "$tmp/ramdisk.cpio")
 gzip -6 -c "$tmp/ramdisk.cpio" >"$tmp/ramdisk.gz"
 xz -6 -T0 --check=crc32 -c "$tmp/ramdisk.cpio" >"$tmp/ramdisk.xz"
 
-best() { sort -g | head -n 1; }
-seconds() {  # wall time of "$@" in seconds, output discarded
-  local start end
-  start=$(date +%s.%N); "$@" >/dev/null; end=$(date +%s.%N)
-  awk -v a="$start" -v b="$end" 'BEGIN { printf "%.6f\n", b - a }'
-}
-time3() { for _ in 1 2 3; do seconds "$@"; done | best; }
+source "$(dirname "$0")/lib/timing.sh"
+time3() { bestof 3 "$@"; }
 
 # The loader's decoding must give what the reference tools give.
 # A plain archive is copied up to its trailer, a decoded one whole.
