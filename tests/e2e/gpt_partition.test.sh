@@ -26,10 +26,8 @@ ext4_guid=3E9C5B71-0D24-4F6A-B8E3-5C7D9A1F2B60
 ramdisks() {
   local dir=$1 who=$2
   mkdir -p "$dir"
-  linux_guest_base_cpio "$dir/base.cpio" "part.txt=read from the $who partition"
-  gzip -9 -c "$dir/base.cpio" >"$dir/initrd.gz"
-  linux_guest_files_cpio "$dir/extra.cpio" "second.txt=second RAM disk of the $who partition"
-  xz --check=crc32 -c "$dir/extra.cpio" >"$dir/extra.xz"
+  linux_guest_ramdisk_pair "$dir/initrd.gz" "$dir/extra.xz" \
+    "part.txt=read from the $who partition" "second.txt=second RAM disk of the $who partition"
 }
 ramdisks "$E2E_WORK/decoy" decoy
 ramdisks "$E2E_WORK/target" target

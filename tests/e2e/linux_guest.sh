@@ -18,6 +18,10 @@
 #   linux_guest_prepare           sets LINUX_KERNEL, LINUX_BUSYBOX
 #   linux_guest_base_cpio OUT [NAME=TEXT...]   busybox, /init and /rd files (plain cpio)
 #   linux_guest_files_cpio OUT NAME=TEXT...   an archive of /rd/NAME files
+#   linux_guest_ramdisk_pair GZ XZ NAME=TEXT NAME=TEXT
+#                                 the two RAM disks of a boot: the base archive
+#                                 with the first file, gzip; an archive of the
+#                                 second file, xz
 
 linux_guest_cache_dir() {
   if [ -n "${E2E_LINUX_CACHE:-}" ]; then
@@ -128,4 +132,15 @@ linux_guest_files_cpio() {
   done
   linux_guest_pack "$tree" "$out"
   rm -rf "$tree"
+}
+
+linux_guest_ramdisk_pair() {
+  local gz=$1 xz=$2 tmp
+  tmp=$(mktemp -d "$E2E_WORK/pair.XXXXXX")
+  linux_guest_base_cpio "$tmp/base.cpio" "$3"
+  gzip -9 -c "$tmp/base.cpio" >"$gz" || e2e_fail "gzip failed"
+  linux_guest_files_cpio "$tmp/extra.cpio" "$4"
+  # The kernel's own xz decoder knows CRC32 checks, not CRC64.
+  xz --check=crc32 -c "$tmp/extra.cpio" >"$xz" || e2e_fail "xz failed"
+  rm -rf "$tmp"
 }

@@ -19,14 +19,12 @@ tftp=$E2E_WORK/tftp
 mkdir -p "$tftp/rescue"
 cp "$EFI_IMAGE" "$tftp/rescue/rescue.v2.efi"
 cp "$LINUX_KERNEL" "$tftp/vmlinuz"
-linux_guest_base_cpio "$E2E_WORK/base.cpio" "gzip.txt=fetched in the gzip archive"
-gzip -9 -c "$E2E_WORK/base.cpio" >"$tftp/initrd.gz"
-linux_guest_files_cpio "$E2E_WORK/extra.cpio" "xz.txt=fetched in the xz archive"
 # The loader writes the paths of its own device with backslashes, and the
 # name goes to the server byte for byte.  QEMU's server maps no names: what
 # it serves for "rescue/extra.xz" is the file whose name holds the
 # backslash.
-xz --check=crc32 -c "$E2E_WORK/extra.cpio" >"$tftp/rescue\\extra.xz"
+linux_guest_ramdisk_pair "$tftp/initrd.gz" "$tftp/rescue\\extra.xz" \
+  "gzip.txt=fetched in the gzip archive" "xz.txt=fetched in the xz archive"
 cat >"$tftp/rescue/rescue.v2.xml" <<'XML'
 <Config>
   <Menu>
